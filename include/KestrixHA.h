@@ -1,0 +1,7 @@
+// Kestrix HA: high-availability functions of the backup product.
+// Every export is a synchronous call that returns a 32-bit result code
+// (0 for success, a Win32 code, an HRESULT, or 0xFFFFFFFF).
+#pragma once
+
+#include "KestrixHA/api.h"
+#include "KestrixHA/foundation.h"

@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Installs what a fresh Debian 12 machine lacks to build and test Kestrix HA.
+# Idempotent and quiet when everything is already there.
+set -euo pipefail
+
+pkgs=(
+  g++-mingw-w64-x86-64-posix   # the cross compiler (posix thread model)
+  binutils-mingw-w64-x86-64    # objdump/dlltool for PE checks
+  wine64 wine                  # runs the DLL and its tests
+  cmake make ninja-build
+  googletest                   # sources under /usr/src/googletest
+  clang libclang-rt-14-dev     # native sanitizer and libFuzzer builds
+  qemu-utils                   # independent VHD writer/checker
+  libvhdi-utils python3-libvhdi  # independent VHD reader
+  python3
+)
+
+missing=()
+for p in "${pkgs[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+echo "installing: ${missing[*]}"
+SUDO=""
+[ "$(id -u)" -ne 0 ] && SUDO="sudo"
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -qq
+$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

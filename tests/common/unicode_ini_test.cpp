@@ -1,0 +1,61 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "common/folder_ops.h"
+#include "common/unicode_ini.h"
+#include "kx_test.h"
+
+using kxtest::ScratchDir;
+
+TEST(UnicodeIni, StartsWithMarkAndIsReadAsUtf16) {
+    ScratchDir d;
+    const std::wstring ini = d / L"rec.ini";
+    ASSERT_EQ(kx::_CreateIniWithUnicodePrefix(ini.c_str()), 0u);
+    auto bytes = kxtest::ReadBytes(ini);
+    ASSERT_EQ(bytes.size(), 18u);
+    EXPECT_EQ(bytes[0], 0xFF);
+    EXPECT_EQ(bytes[1], 0xFE);
+    EXPECT_EQ(0, memcmp(bytes.data() + 2, L"[QZSIG]", 16));
+
+    // The profile calls keep the file UTF-16: a value outside the ANSI code page survives.
+    const std::wstring value = L"\u4e2d\u6587-\u00e9";
+    ASSERT_TRUE(::WritePrivateProfileStringW(L"S", L"K", value.c_str(), ini.c_str()));
+    wchar_t back[64] = {};
+    ::GetPrivateProfileStringW(L"S", L"K", L"", back, 64, ini.c_str());
+    EXPECT_EQ(value, back);
+    bytes = kxtest::ReadBytes(ini);
+    EXPECT_EQ(bytes[0], 0xFF);
+    EXPECT_EQ(bytes[1], 0xFE);
+}
+
+TEST(UnicodeIni, MissingFolderIsNotAnErrorAndNullIs) {
+    ScratchDir d;
+    const std::wstring ini = d / L"no\\such\\rec.ini";
+    kxtest::LogCursor log;
+    EXPECT_EQ(kx::_CreateIniWithUnicodePrefix(ini.c_str()), 0u);
+    EXPECT_FALSE(kxtest::Exists(ini));
+    EXPECT_TRUE(log.Contains(L"_CreateIniWithUnicodePrefix::Create failed, file = " + ini + L", rc = 0"));
+    EXPECT_EQ(kx::_CreateIniWithUnicodePrefix(nullptr), 0x80070057u);
+}
+
+TEST(CopyFolder, CopiesTreeOverwritingAndReportsFailure) {
+    ScratchDir src, dst;
+    kxtest::MakeDirs(src / L"a\\b");
+    kxtest::WriteText(src / L"top.txt", "top");
+    kxtest::WriteText(src / L"a\\mid.txt", "mid");
+    kxtest::WriteText(src / L"a\\b\\deep.txt", "deep");
+    kxtest::MakeDirs(dst / L"a");
+    kxtest::WriteText(dst / L"a\\mid.txt", "old");
+
+    kxtest::LogCursor log;
+    ASSERT_EQ(kx::CopyFolderTree(src.path(), dst.path()), 0u);
+    EXPECT_EQ(kxtest::ReadBytes(dst / L"a\\mid.txt"), kxtest::ReadBytes(src / L"a\\mid.txt"));
+    EXPECT_EQ(kxtest::ReadBytes(dst / L"a\\b\\deep.txt").size(), 4u);
+    EXPECT_TRUE(log.Contains(L"CopyFile [" + src.path() + L"\\top.txt] --> [" + dst.path() + L"\\top.txt]"));
+
+    // A target folder that is missing: the HRESULT of the failed copy.
+    const DWORD hr = kx::CopyFolderFiles(src.path() + L"\\", dst / L"gone");
+    EXPECT_EQ(hr, 0x80070003u);
+    EXPECT_TRUE(log.Contains(L"CopyFile failed [" + src.path() + L"\\top.txt]"));
+}

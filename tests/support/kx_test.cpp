@@ -1,0 +1,237 @@
+#include "kx_test.h"
+
+#include <gtest/gtest.h>
+
+#include <cwchar>
+#include <fstream>
+#include <stdexcept>
+
+#include "common/unique_resource.h"
+#include "log/debug_log.h"
+
+namespace kxtest {
+
+namespace {
+void ClearAndDelete(const std::wstring& folder) {
+    WIN32_FIND_DATAW fd;
+    kx::unique_hfind f(::FindFirstFileW((folder + L"\\*").c_str(), &fd));
+    if (f) {
+        do {
+            std::wstring name = fd.cFileName;
+            if (name == L"." || name == L"..") continue;
+            std::wstring p = folder + L"\\" + name;
+            ::SetFileAttributesW(p.c_str(), FILE_ATTRIBUTE_NORMAL);
+            if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
+                ClearAndDelete(p);
+            else
+                ::DeleteFileW(p.c_str());
+        } while (::FindNextFileW(f.get(), &fd));
+    }
+    f.reset();
+    ::SetFileAttributesW(folder.c_str(), FILE_ATTRIBUTE_NORMAL);
+    ::RemoveDirectoryW(folder.c_str());
+}
+}  // namespace
+
+ScratchDir::ScratchDir() {
+    wchar_t tmp[MAX_PATH];
+    ::GetTempPathW(MAX_PATH, tmp);
+    static LONG counter = 0;
+    wchar_t name[64];
+    swprintf(name, 64, L"kx%lu_%ld_%lu", ::GetCurrentProcessId(), ::InterlockedIncrement(&counter), ::GetTickCount());
+    path_ = std::wstring(tmp) + name;
+    if (!path_.empty() && path_.back() == L'\\') path_.pop_back();
+    if (!::CreateDirectoryW(path_.c_str(), nullptr)) throw std::runtime_error("cannot create scratch folder");
+}
+
+ScratchDir::~ScratchDir() { ClearAndDelete(path_); }
+
+void RegValueOverride::Save() {
+    kx::unique_hkey key;
+    if (::RegCreateKeyExW(HKEY_LOCAL_MACHINE, subkey_.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, key.put(),
+                          nullptr) != ERROR_SUCCESS)
+        throw std::runtime_error("cannot open registry key");
+    DWORD size = 0;
+    if (::RegQueryValueExW(key.get(), name_.c_str(), nullptr, &type_, nullptr, &size) == ERROR_SUCCESS) {
+        existed_ = true;
+        old_.resize(size);
+        ::RegQueryValueExW(key.get(), name_.c_str(), nullptr, &type_, old_.data(), &size);
+    }
+}
+
+RegValueOverride::RegValueOverride(const std::wstring& subkey, const std::wstring& name, DWORD value)
+    : subkey_(subkey), name_(name) {
+    Save();
+    ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, subkey_.c_str(), name_.c_str(), REG_DWORD, &value, sizeof value);
+}
+
+RegValueOverride::RegValueOverride(const std::wstring& subkey, const std::wstring& name, const std::wstring& value)
+    : subkey_(subkey), name_(name) {
+    Save();
+    ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, subkey_.c_str(), name_.c_str(), REG_SZ, value.c_str(),
+                      static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
+}
+
+RegValueOverride::RegValueOverride(const std::wstring& subkey, const std::wstring& name, std::nullptr_t)
+    : subkey_(subkey), name_(name) {
+    Save();
+    ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, subkey_.c_str(), name_.c_str());
+}
+
+RegValueOverride::~RegValueOverride() {
+    if (existed_)
+        ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, subkey_.c_str(), name_.c_str(), type_, old_.data(),
+                          static_cast<DWORD>(old_.size()));
+    else
+        ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, subkey_.c_str(), name_.c_str());
+}
+
+void WriteBytes(const std::wstring& path, const void* data, size_t size) {
+    kx::unique_hfile h(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL,
+                                     nullptr));
+    if (!h) throw std::runtime_error("cannot create " + Narrow(path));
+    DWORD written = 0;
+    if (size && (!::WriteFile(h.get(), data, static_cast<DWORD>(size), &written, nullptr) || written != size))
+        throw std::runtime_error("cannot write " + Narrow(path));
+}
+
+void WriteText(const std::wstring& path, const std::string& text) { WriteBytes(path, text.data(), text.size()); }
+
+std::vector<uint8_t> ReadBytes(const std::wstring& path) {
+    kx::unique_hfile h(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                     nullptr, OPEN_EXISTING, 0, nullptr));
+    if (!h) return {};
+    LARGE_INTEGER size{};
+    ::GetFileSizeEx(h.get(), &size);
+    std::vector<uint8_t> data(static_cast<size_t>(size.QuadPart));
+    size_t done = 0;
+    while (done < data.size()) {
+        DWORD got = 0;
+        DWORD want = static_cast<DWORD>(std::min<size_t>(data.size() - done, 1u << 24));
+        if (!::ReadFile(h.get(), data.data() + done, want, &got, nullptr) || got == 0) break;
+        done += got;
+    }
+    data.resize(done);
+    return data;
+}
+
+bool Exists(const std::wstring& path) { return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
+
+void MakeDirs(const std::wstring& path) {
+    for (size_t i = 3; i <= path.size(); ++i)
+        if (i == path.size() || path[i] == L'\\') ::CreateDirectoryW(path.substr(0, i).c_str(), nullptr);
+}
+
+std::string Narrow(const std::wstring& s) {
+    if (s.empty()) return {};
+    int n = ::WideCharToMultiByte(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), nullptr, 0, nullptr, nullptr);
+    std::string out(n, '\0');
+    ::WideCharToMultiByte(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), out.data(), n, nullptr, nullptr);
+    return out;
+}
+
+std::wstring Widen(const std::string& s) {
+    if (s.empty()) return {};
+    int n = ::MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), nullptr, 0);
+    std::wstring out(n, L'\0');
+    ::MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), out.data(), n);
+    return out;
+}
+
+std::optional<LogLine> ParseLogLine(const std::wstring& raw) {
+    // "[yyyy/mm/dd hh:mm:ss:mmm   LL   PPPPP   TTTTT   <code or blanks>] text"
+    LogLine l;
+    l.raw = raw;
+    if (raw.size() < 2 || raw[0] != L'[') return std::nullopt;
+    const size_t close = raw.find(L"] ");
+    if (close == std::wstring::npos) return std::nullopt;
+    const std::wstring inside = raw.substr(1, close - 1);
+    wchar_t date[16] = {}, time[16] = {}, code[16] = {};
+    int level = 0;
+    unsigned long pid = 0, tid = 0;
+    int n = swscanf(inside.c_str(), L"%15s %15s %d %lu %lu %15s", date, time, &level, &pid, &tid, code);
+    if (n < 5) return std::nullopt;
+    l.time = std::wstring(date) + L" " + time;
+    l.level = level;
+    l.pid = pid;
+    l.tid = tid;
+    if (n == 6 && (code[0] == L'0') && (code[1] == L'X' || code[1] == L'x')) l.error = wcstoul(code + 2, nullptr, 16);
+    l.text = raw.substr(close + 2);
+    return l;
+}
+
+std::vector<std::wstring> ReadLogFileLines(const std::wstring& path) {
+    const std::vector<uint8_t> bytes = ReadBytes(path);
+    std::vector<std::wstring> lines;
+    if (bytes.size() < 2 || bytes[0] != 0xFF || bytes[1] != 0xFE) return lines;
+    std::wstring all(reinterpret_cast<const wchar_t*>(bytes.data() + 2), (bytes.size() - 2) / 2);
+    size_t start = 0;
+    for (;;) {
+        size_t end = all.find(L"\r\n", start);
+        if (end == std::wstring::npos) {
+            if (start < all.size()) lines.push_back(all.substr(start));
+            break;
+        }
+        lines.push_back(all.substr(start, end - start));
+        start = end + 2;
+    }
+    return lines;
+}
+
+LogCursor::LogCursor() {
+    kx::Log(4, L"kxtest: log cursor");  // makes sure the file exists and is current
+    file_ = kx::log::CurrentFile();
+    offset_ = ReadBytes(file_).size();
+}
+
+std::vector<LogLine> LogCursor::Lines() const {
+    std::vector<LogLine> out;
+    auto take = [&](const std::wstring& file, uint64_t from) {
+        const std::vector<uint8_t> bytes = ReadBytes(file);
+        if (bytes.size() <= from) return;
+        from = std::max<uint64_t>(from, 2);
+        std::wstring all(reinterpret_cast<const wchar_t*>(bytes.data() + from), (bytes.size() - from) / 2);
+        size_t start = 0, end;
+        while ((end = all.find(L"\r\n", start)) != std::wstring::npos) {
+            if (auto l = ParseLogLine(all.substr(start, end - start))) out.push_back(*l);
+            start = end + 2;
+        }
+    };
+    take(file_, offset_);
+    const std::wstring now = kx::log::CurrentFile();
+    if (now != file_) take(now, 0);
+    return out;
+}
+
+std::vector<LogLine> LogCursor::Matching(const std::wstring& needle) const {
+    std::vector<LogLine> out;
+    for (auto& l : Lines())
+        if (l.text.find(needle) != std::wstring::npos) out.push_back(l);
+    return out;
+}
+
+DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs) {
+    STARTUPINFOW si{};
+    si.cb = sizeof si;
+    PROCESS_INFORMATION pi{};
+    std::wstring cmd = commandLine;
+    if (!::CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi))
+        return 0xFFFFFFFF;
+    kx::unique_handle process(pi.hProcess), thread(pi.hThread);
+    if (::WaitForSingleObject(process.get(), timeoutMs) != WAIT_OBJECT_0) {
+        ::TerminateProcess(process.get(), 0xFFFFFFFE);
+        return 0xFFFFFFFE;
+    }
+    DWORD code = 0;
+    ::GetExitCodeProcess(process.get(), &code);
+    return code;
+}
+
+std::wstring BinDir() {
+    wchar_t path[MAX_PATH];
+    DWORD n = ::GetModuleFileNameW(nullptr, path, MAX_PATH);
+    std::wstring p(path, n);
+    return p.substr(0, p.rfind(L'\\'));
+}
+
+}  // namespace kxtest

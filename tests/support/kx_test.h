@@ -1,0 +1,101 @@
+// Shared test helpers: scratch folders, host registry values that are put
+// back afterwards, files, and the debug log read back line by line.
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kxtest {
+
+// A fresh, empty folder under %TEMP%, removed with everything in it at the
+// end of the scope (read-only attributes are cleared first).
+class ScratchDir {
+public:
+    ScratchDir();
+    ~ScratchDir();
+    ScratchDir(const ScratchDir&) = delete;
+    ScratchDir& operator=(const ScratchDir&) = delete;
+    const std::wstring& path() const { return path_; }
+    std::wstring operator/(const std::wstring& name) const { return path_ + L"\\" + name; }
+
+private:
+    std::wstring path_;
+};
+
+// Sets a value under HKEY_LOCAL_MACHINE and restores the previous state (the
+// old value, or no value) at the end of the scope.
+class RegValueOverride {
+public:
+    RegValueOverride(const std::wstring& subkey, const std::wstring& name, DWORD value);
+    RegValueOverride(const std::wstring& subkey, const std::wstring& name, const std::wstring& value);
+    // Deletes the value for the life of the scope.
+    RegValueOverride(const std::wstring& subkey, const std::wstring& name, std::nullptr_t);
+    ~RegValueOverride();
+    RegValueOverride(const RegValueOverride&) = delete;
+    RegValueOverride& operator=(const RegValueOverride&) = delete;
+
+private:
+    void Save();
+    std::wstring subkey_, name_;
+    bool existed_ = false;
+    DWORD type_ = 0;
+    std::vector<uint8_t> old_;
+};
+
+// Files.
+void WriteBytes(const std::wstring& path, const void* data, size_t size);
+void WriteText(const std::wstring& path, const std::string& text);
+std::vector<uint8_t> ReadBytes(const std::wstring& path);
+bool Exists(const std::wstring& path);
+void MakeDirs(const std::wstring& path);
+
+std::string Narrow(const std::wstring& s);
+std::wstring Widen(const std::string& s);
+
+// One line of the debug log with its prefix taken apart.
+struct LogLine {
+    std::wstring time;   // "yyyy/mm/dd hh:mm:ss:mmm"
+    int level = -1;      // -1 for the header's title line (no prefix)
+    DWORD pid = 0;
+    DWORD tid = 0;
+    DWORD error = 0;
+    std::wstring text;   // what follows the prefix
+    std::wstring raw;    // the whole line
+};
+
+// Parses a line; nullopt when it has no prefix.
+std::optional<LogLine> ParseLogLine(const std::wstring& raw);
+
+// Every line of a UTF-16LE log file (the byte-order mark is checked).
+std::vector<std::wstring> ReadLogFileLines(const std::wstring& path);
+
+// Reads the lines that the library's debug log gains after construction:
+// remembers the current log file and its size, and later returns what was
+// appended (following a rotation to newer files too).
+class LogCursor {
+public:
+    LogCursor();
+    std::vector<LogLine> Lines() const;
+    // Lines whose text contains `needle`.
+    std::vector<LogLine> Matching(const std::wstring& needle) const;
+    bool Contains(const std::wstring& needle) const { return !Matching(needle).empty(); }
+
+private:
+    std::wstring file_;
+    uint64_t offset_ = 0;
+};
+
+// The registry key of the product's debug switches.
+inline const wchar_t* kDebugKey = L"SOFTWARE\\Veltrana\\Quillon\\Engine\\Debug";
+inline const wchar_t* kInstallPathKey = L"SOFTWARE\\Veltrana\\Quillon\\Engine\\InstallPath";
+
+// Runs a program and returns its exit code (0xFFFFFFFF when it can't start).
+DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs = 120000);
+// The folder that holds the running test program (and the DLL, the tool).
+std::wstring BinDir();
+
+}  // namespace kxtest

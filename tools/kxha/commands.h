@@ -1,0 +1,33 @@
+// kxha: the operator's command-line tool over KestrixHA.dll.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace kxha {
+
+using Args = std::vector<std::wstring>;
+
+struct Command {
+    const wchar_t* name;
+    const wchar_t* summary;
+    const wchar_t* usage;  // shown by --help
+    int (*run)(const Args& args);
+};
+
+const std::vector<Command>& Commands();
+
+// Output: UTF-8 on stdout/stderr, whatever the console code page.
+void Out(const std::wstring& text);
+void Err(const std::wstring& text);
+
+// Prints "error: <what> failed, rc = <code> (0x...): <system text>" and
+// returns the tool's failure exit status.
+int Fail(const std::wstring& what, unsigned long code);
+
+bool HasFlag(const Args& args, const wchar_t* flag);
+
+int CmdVersion(const Args& args);
+int CmdLog(const Args& args);
+
+}  // namespace kxha

@@ -1,0 +1,79 @@
+#include <windows.h>
+
+#include <cstdio>
+#include <cwchar>
+
+#include "commands.h"
+
+namespace kxha {
+
+const std::vector<Command>& Commands() {
+    static const std::vector<Command> commands = {
+        {L"version", L"show the library's version resource", L"kxha version [--json]", CmdVersion},
+        {L"log", L"show where the debug log is and its last lines", L"kxha log [--lines N] [--json]", CmdLog},
+    };
+    return commands;
+}
+
+namespace {
+void Write(FILE* f, const std::wstring& text) {
+    int n = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
+    std::string s(n, '\0');
+    ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), s.data(), n, nullptr, nullptr);
+    fwrite(s.data(), 1, s.size(), f);
+    fflush(f);
+}
+
+int Usage() {
+    std::wstring text = L"usage: kxha <command> [options]\n\ncommands:\n";
+    for (const auto& c : Commands()) {
+        wchar_t line[256];
+        swprintf(line, 256, L"  %-10ls %ls\n", c.name, c.summary);
+        text += line;
+    }
+    text += L"\n'kxha <command> --help' shows a command's options.\n";
+    Out(text);
+    return 0;
+}
+}  // namespace
+
+void Out(const std::wstring& text) { Write(stdout, text); }
+void Err(const std::wstring& text) { Write(stderr, text); }
+
+int Fail(const std::wstring& what, unsigned long code) {
+    wchar_t* sys = nullptr;
+    ::FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
+                     nullptr, code, 0, reinterpret_cast<wchar_t*>(&sys), 0, nullptr);
+    std::wstring text = sys ? sys : L"no system text for this code";
+    if (sys) ::LocalFree(sys);
+    while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r' || text.back() == L' ')) text.pop_back();
+    wchar_t head[64];
+    swprintf(head, 64, L"%lu (0x%08lX)", code, code);
+    Err(L"error: " + what + L" failed, rc = " + head + L": " + text + L"\n");
+    return 1;
+}
+
+bool HasFlag(const Args& args, const wchar_t* flag) {
+    for (const auto& a : args)
+        if (a == flag) return true;
+    return false;
+}
+
+}  // namespace kxha
+
+int wmain(int argc, wchar_t** argv) {
+    using namespace kxha;
+    if (argc < 2 || !wcscmp(argv[1], L"--help") || !wcscmp(argv[1], L"-h") || !wcscmp(argv[1], L"help"))
+        return argc < 2 ? (Usage(), 2) : Usage();
+    Args args(argv + 2, argv + argc);
+    for (const auto& c : Commands()) {
+        if (c.name != std::wstring(argv[1])) continue;
+        if (HasFlag(args, L"--help") || HasFlag(args, L"-h")) {
+            Out(std::wstring(L"usage: ") + c.usage + L"\n\n" + c.summary + L"\n");
+            return 0;
+        }
+        return c.run(args);
+    }
+    Err(std::wstring(L"kxha: unknown command '") + argv[1] + L"'; see 'kxha --help'\n");
+    return 2;
+}

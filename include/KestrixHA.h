@@ -5,3 +5,4 @@
 
 #include "KestrixHA/api.h"
 #include "KestrixHA/foundation.h"
+#include "KestrixHA/bitmap.h"

@@ -1,0 +1,33 @@
+// The session description "BackupInfo.XML" of a backup session folder.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+namespace kx::platform {
+
+struct BackupInfo {
+    DWORD sessionNumber = 0;
+    std::wstring sessionGuid;
+    std::wstring backupKind;  // "Full" or "Incremental"
+    std::wstring status;      // "Finished", "Active", "Failed", "Canceled"
+    bool encrypted = false;
+};
+
+inline constexpr const wchar_t* kBackupInfoFile = L"BackupInfo.XML";
+
+// Reads the file (UTF-8 or UTF-16, through XmlLite). Unknown elements are
+// ignored; SessionNumber, SessionGuid, BackupKind and Status are required
+// (ERROR_INVALID_DATA when one is missing or not a number). A missing file
+// gives its system code.
+DWORD ReadBackupInfo(const std::wstring& xmlPath, BackupInfo* info);
+
+// True when the session folder's description reads and its status is
+// "Finished" (compared without regard to case).
+bool IsSessionValid(const std::wstring& sessionFolder);
+
+// The backup kind of a session folder is "Full".
+bool IsFullSession(const std::wstring& sessionFolder);
+
+}  // namespace kx::platform

@@ -36,7 +36,7 @@ TEST(BackupInfo, MissingOrBrokenFilesAreUnreadable) {
     for (const char* text : {
              "<BackupInfo><SessionNumber>1</SessionNumber><SessionGuid>g</SessionGuid><BackupKind>Full</BackupKind></BackupInfo>",
              "<BackupInfo><SessionNumber>x1</SessionNumber><SessionGuid>g</SessionGuid><BackupKind>Full</BackupKind><Status>Finished</Status></BackupInfo>",
-             "<BackupInfo><SessionNumber>1</SessionNumber><SessionGuid>g</SessionGuid><BackupKind>Full</BackupKind><Status>Finished</Status>",
+             "<Other><SessionNumber>1</SessionNumber><SessionGuid>g</SessionGuid><BackupKind>Full</BackupKind><Status>Finished</Status></Other>",
              "not xml at all"}) {
         kxtest::WriteText(d / L"BackupInfo.XML", text);
         EXPECT_EQ(kx::platform::ReadBackupInfo(d / L"BackupInfo.XML", &info), static_cast<DWORD>(ERROR_INVALID_DATA)) << text;

@@ -6,3 +6,5 @@
 #include "KestrixHA/api.h"
 #include "KestrixHA/foundation.h"
 #include "KestrixHA/bitmap.h"
+#include "KestrixHA/bitmap_catalogue.h"
+#include "KestrixHA/session.h"

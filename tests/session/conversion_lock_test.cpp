@@ -1,0 +1,243 @@
+// The conversion session lock: request shapes through a fake lock factory
+// (white-box), and real processes through the DLL with the built-in manager.
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "KestrixHA/session.h"
+#include "kx_test.h"
+#include "common/unique_resource.h"
+#include "session/conversion_lock.h"
+
+using kxtest::ScratchDir;
+
+namespace {
+
+// Records what the library asks of the session manager.
+struct FakeLock final : kx::platform::ISessionLock {
+    static inline std::vector<kx::platform::SessionLockRequest> requests;
+    static inline std::vector<int> ops;
+    static inline std::vector<std::wstring> excluded;
+    static inline DWORD lockResult = 0, factoryResult = 0, excludeFailAt = 0;
+    static inline bool factoryGivesNull = false;
+    static inline int released = 0, unlocked = 0;
+    static inline std::vector<kx::platform::SessionLockConflict> conflicts;
+
+    void Release() override {
+        ++released;
+        delete this;
+    }
+    DWORD LockSession(const kx::platform::SessionLockRequest& r,
+                      std::vector<kx::platform::SessionLockConflict>& c) override {
+        requests.push_back(r);
+        if (lockResult) c = conflicts;
+        return lockResult;
+    }
+    DWORD QueryLock(std::vector<kx::platform::SessionLockConflict>&) override { return 0; }
+    DWORD ExcludeFile(const std::wstring& root, const std::wstring& rel) override {
+        excluded.push_back(root + L"|" + rel);
+        return excluded.size() == excludeFailAt ? ERROR_ACCESS_DENIED : 0;
+    }
+    DWORD UnlockSession() override { return ++unlocked, 0; }
+
+    static DWORD Factory(int op, kx::platform::ISessionLock** lock) {
+        ops.push_back(op);
+        if (factoryResult) return factoryResult;
+        *lock = factoryGivesNull ? nullptr : new FakeLock;
+        return 0;
+    }
+    static void Reset() {
+        requests.clear();
+        ops.clear();
+        excluded.clear();
+        conflicts.clear();
+        lockResult = factoryResult = excludeFailAt = 0;
+        factoryGivesNull = false;
+        released = unlocked = 0;
+    }
+};
+
+class ConversionLock : public ::testing::Test {
+protected:
+    void SetUp() override {
+        FakeLock::Reset();
+        kx::platform::testing::SetLockFactory(&FakeLock::Factory);
+    }
+    void TearDown() override { kx::platform::testing::SetLockFactory(nullptr); }
+    ScratchDir root;
+};
+
+std::vector<DWORD> Sessions(int begin, int end) {
+    FakeLock::Reset();
+    SessionLockHandle* h = nullptr;
+    EXPECT_EQ(kx::session::LockZekSessions(L"D:\\dest", begin, end, &h, 0), 0u);
+    kx::session::UnlockZekSessions(h);
+    return FakeLock::requests.at(0).sessions;
+}
+
+}  // namespace
+
+TEST_F(ConversionLock, RequestsForEachKindOfRange) {
+    EXPECT_EQ(Sessions(0, 9), (std::vector<DWORD>{0, 9}));
+    EXPECT_EQ(Sessions(3, 3), (std::vector<DWORD>{3}));
+    EXPECT_EQ(Sessions(5, 4), (std::vector<DWORD>{}));
+    EXPECT_EQ(Sessions(2, 5), (std::vector<DWORD>{2, 3, 4, 5}));
+    const auto& conv = FakeLock::requests.at(0);
+    EXPECT_EQ(conv.wait, 10000u);
+    EXPECT_EQ(conv.flags, 0u);
+    EXPECT_EQ(conv.root, L"D:\\dest");
+    EXPECT_EQ(conv.jobDescription, L"offcopy_from_esx_nonproxy");
+    EXPECT_EQ(FakeLock::ops, std::vector<int>{11});
+
+    // Instant VM: only `end`, as a restore.
+    EXPECT_EQ(Sessions(-1, 7), (std::vector<DWORD>{7}));
+    EXPECT_EQ(FakeLock::requests.at(0).jobDescription, L"Instant VM");
+    EXPECT_EQ(FakeLock::ops, std::vector<int>{16});
+    EXPECT_EQ(FakeLock::unlocked, 1);
+    EXPECT_EQ(FakeLock::released, 1);
+}
+
+TEST_F(ConversionLock, BadArgumentsAndFactoryFailures) {
+    kxtest::LogCursor log;
+    SessionLockHandle* h = reinterpret_cast<SessionLockHandle*>(8);
+    EXPECT_EQ(kx::session::LockZekSessions(nullptr, 1, 2, &h, 0), 0x80070057u);
+    EXPECT_EQ(kx::session::LockZekSessions(L"", 1, 2, &h, 0), 0x80070057u);
+    EXPECT_EQ(kx::session::LockZekSessions(L"D:\\d", 1, 2, nullptr, 0), 0x80070057u);
+    EXPECT_TRUE(FakeLock::ops.empty());
+
+    FakeLock::factoryResult = ERROR_MOD_NOT_FOUND;
+    EXPECT_EQ(kx::session::LockZekSessions(L"D:\\d", 1, 2, &h, 0), static_cast<DWORD>(ERROR_MOD_NOT_FOUND));
+    EXPECT_EQ(h, nullptr);
+    FakeLock::factoryResult = 0;
+    FakeLock::factoryGivesNull = true;
+    EXPECT_EQ(kx::session::LockZekSessions(L"D:\\d", -1, 2, &h, 0), 0xFFFFFFFFu);
+    EXPECT_TRUE(log.Contains(L"HA_LockZekSessions::CreateKbSessLock(OP_VCM) failed, rc = 126"));
+    EXPECT_TRUE(log.Contains(L"HA_LockZekSessions::CreateKbSessLock(OP_RESTORE) failed, rc = -1"));
+    EXPECT_TRUE(log.Contains(L"HA_LockZekSessions::end, rc = 126"));
+    EXPECT_TRUE(log.Contains(L"HA_LockZekSessions::begin, root = NULL, being = 1, end = 2"));
+}
+
+TEST_F(ConversionLock, ManualModeRefusesRangesIntoAMerge) {
+    kxtest::MakeDirs(root / L"ToPurge");
+    kxtest::WriteText(root / L"ToPurge\\S0000000005.idx_step1", "");
+    kxtest::WriteText(root / L"ToPurge\\S0000000006.idx_step2", "");
+    kxtest::MakeDirs(root / L"ToPurge\\S0000000009.idx_step1");  // a folder is no marker
+    std::vector<DWORD> merging{42};
+    ASSERT_EQ(MVCM_GetMergeSessions((root.path() + L"\\/").c_str(), merging), 0u);
+    EXPECT_EQ(merging, (std::vector<DWORD>{42, 5, 6, 7}));
+
+    kxtest::LogCursor log;
+    SessionLockHandle* h = nullptr;
+    EXPECT_EQ(kx::session::LockZekSessions(root.path().c_str(), 7, 9, &h, 1), 0xF0000001u);
+    EXPECT_EQ(h, MANUAL_VCM_LOCK_HANDLE);
+    EXPECT_TRUE(FakeLock::ops.empty());
+    EXPECT_TRUE(log.Contains(L"Sessions are under merging [5-->7], and conversion session range is [7-->9]"));
+    EXPECT_TRUE(log.Contains(L"Cannot do conversion because session is under merge [7, 7]"));
+    EXPECT_FALSE(log.Contains(L"HA_LockZekSessions::end"));
+
+    ASSERT_EQ(kx::session::LockZekSessions(root.path().c_str(), 8, 9, &h, 1), 0u);
+    ASSERT_NE(h, MANUAL_VCM_LOCK_HANDLE);
+    EXPECT_EQ(FakeLock::requests.at(0).sessions, (std::vector<DWORD>{8, 9}));
+    kx::session::UnlockZekSessions(h);
+    // The marker handle is harmless to both unlock calls.
+    kx::session::UnlockZekSessions(MANUAL_VCM_LOCK_HANDLE);
+    EXPECT_EQ(kx::session::UnlockCTF2(MANUAL_VCM_LOCK_HANDLE), 0u);
+    EXPECT_EQ(kx::session::UnlockCTF2(nullptr), 0x80070057u);
+    SessionLockHandle empty;
+    EXPECT_EQ(kx::session::UnlockCTF2(&empty), 0x80070057u);
+}
+
+TEST_F(ConversionLock, UnlockCtf2SkipsSessionsWithoutRootAndStopsAtAFailure) {
+    for (int s : {1, 3, 4}) kxtest::MakeDirs(root.path() + L"\\VStore\\S000000000" + std::to_wstring(s));
+    SessionLockHandle* h = nullptr;
+    ASSERT_EQ(kx::session::LockZekSessions(root.path().c_str(), 1, 4, &h, 0), 0u);
+    ASSERT_EQ(kx::session::UnlockCTF2(h), 0u);
+    EXPECT_EQ(FakeLock::excluded, (std::vector<std::wstring>{root.path() + L"|VStore\\S0000000001\\block0000000002.ctf",
+                                                             root.path() + L"|VStore\\S0000000003\\block0000000002.ctf",
+                                                             root.path() + L"|VStore\\S0000000004\\block0000000002.ctf"}));
+    FakeLock::excluded.clear();
+    FakeLock::excludeFailAt = 2;
+    kxtest::LogCursor log;
+    EXPECT_EQ(kx::session::UnlockCTF2(h), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+    EXPECT_EQ(FakeLock::excluded.size(), 2u);
+    EXPECT_TRUE(log.Contains(L"HA_UnlockCTF2, exclude ctf2 failed, root = " + root.path() +
+                             L", file = VStore\\S0000000003\\block0000000002.ctf, rc = 5"));
+    kx::session::UnlockZekSessions(h);
+}
+
+TEST_F(ConversionLock, RefusalTracesEveryConflictAndReportsActivity) {
+    wchar_t tmp[MAX_PATH];
+    ::GetTempPathW(MAX_PATH, tmp);
+    const std::wstring calls = std::wstring(tmp) + L"kx_logcore_calls.txt";
+    ::DeleteFileW(calls.c_str());
+    FakeLock::lockResult = ERROR_LOCK_VIOLATION;
+    auto conflict = [](DWORD pid, int op) {
+        kx::platform::SessionLockConflict c;
+        c.processId = pid;
+        c.op = op;
+        c.errorCode = 33;
+        c.Domain = L"DOM";
+        c.Computer = L"HOST";
+        c.User = L"agent";
+        c.Desc = L"merge job";
+        c.File = L"D:\\d\\VStore\\S0000000003";
+        return c;
+    };
+    FakeLock::conflicts = {conflict(100, 11), conflict(101, 14), conflict(102, 17), conflict(103, 7)};
+
+    // Without the activity library: traced, no entry, same result.
+    kxtest::LogCursor log;
+    SessionLockHandle* h = nullptr;
+    EXPECT_EQ(kx::session::LockZekSessions(L"D:\\d", 3, 3, &h, 0), 33u);
+    EXPECT_EQ(h, nullptr);
+    EXPECT_EQ(FakeLock::released, 1);
+    EXPECT_TRUE(log.Contains(L"HA_LockZekSession::LockSession end, ret=33"));
+    EXPECT_TRUE(log.Contains(
+        L"ProcessId:101, OP:14, ErrorCode:33, Domain:DOM, Computer:HOST, User:agent, Desc:merge job, File:D:\\d\\VStore\\S0000000003"));
+    EXPECT_FALSE(kxtest::Exists(calls));
+
+    // With it: one entry per conflict that has a message and whose text loads.
+    ASSERT_TRUE(::SetDllDirectoryW((kxtest::BinDir() + L"\\companion").c_str()));
+    EXPECT_EQ(kx::session::LockZekSessions(L"D:\\d", 3, 3, &h, 0), 33u);
+    ::SetDllDirectoryW(nullptr);
+    const auto bytes = kxtest::ReadBytes(calls);
+    const std::string text(bytes.begin(), bytes.end());
+    EXPECT_EQ(text,
+              "1|800B005F|D:\\d|D:\\d\\VStore\\S0000000003|text-of-400B005D|HOST|100\n"
+              "1|800B005F|D:\\d|D:\\d\\VStore\\S0000000003|text-of-400B0059|HOST|103\n");
+    ::DeleteFileW(calls.c_str());
+}
+
+TEST(ConversionLockAcrossProcesses, HeldRangeIsRefusedAndFreedWhenHolderEnds) {
+    ScratchDir root;
+    const std::wstring ready = L"kx_lock_ready_" + std::to_wstring(::GetCurrentProcessId());
+    const std::wstring stop = L"kx_lock_stop_" + std::to_wstring(::GetCurrentProcessId());
+    kx::unique_handle readyEv(::CreateEventW(nullptr, TRUE, FALSE, ready.c_str()));
+    kx::unique_handle stopEv(::CreateEventW(nullptr, TRUE, FALSE, stop.c_str()));
+    STARTUPINFOW si{};
+    si.cb = sizeof si;
+    PROCESS_INFORMATION pi{};
+    std::wstring cmd = L"\"" + kxtest::BinDir() + L"\\lock_holder.exe\" \"" + root.path() + L"\" 2 4 " + ready + L" " + stop;
+    ASSERT_TRUE(::CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi));
+    kx::unique_handle process(pi.hProcess), thread(pi.hThread);
+    ASSERT_EQ(::WaitForSingleObject(readyEv.get(), 30000), WAIT_OBJECT_0);
+
+    kxtest::LogCursor log;
+    SessionLockHandle* h = nullptr;
+    const DWORD t0 = ::GetTickCount();
+    EXPECT_NE(HA_LockZekSessions(root.path().c_str(), 4, 6, &h, 0), 0u);
+    EXPECT_GE(::GetTickCount() - t0, 9000u);  // waited for the sessions before giving up
+    EXPECT_EQ(h, nullptr);
+    EXPECT_TRUE(log.Contains(L"ProcessId:" + std::to_wstring(pi.dwProcessId) + L", OP:11,"));
+    EXPECT_TRUE(log.Contains(L"Desc:offcopy_from_esx_nonproxy"));
+
+    // Sessions the holder doesn't have are free.
+    ASSERT_EQ(HA_LockZekSessions(root.path().c_str(), 5, 6, &h, 0), 0u);
+    HA_UnlockZekSessions(h);
+
+    // The holder dies: its sessions are free at once.
+    ::TerminateProcess(process.get(), 1);
+    ::WaitForSingleObject(process.get(), 10000);
+    ASSERT_EQ(HA_LockZekSessions(root.path().c_str(), 2, 4, &h, 0), 0u);
+    HA_UnlockZekSessions(h);
+}

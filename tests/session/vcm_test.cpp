@@ -1,0 +1,144 @@
+// vcm.ini, the session read/write folder and intact sessions, through the DLL.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "KestrixHA/session.h"
+#include "common/unicode_ini.h"
+#include "../bitmap/bitmap_test_util.h"
+#include "kx_test.h"
+
+using kxtest::ScratchDir;
+
+namespace {
+class Vcm : public ::testing::Test {
+protected:
+    ScratchDir install;
+    kxtest::RegValueOverride path{kxtest::kInstallPathKey, L"Path", install.path()};
+    std::wstring Ini() { return install / L"Configuration\\vcm.ini"; }
+};
+
+std::wstring DllFolder() {
+    wchar_t p[MAX_PATH];
+    DWORD n = ::GetModuleFileNameW(::GetModuleHandleW(L"KestrixHA.dll"), p, MAX_PATH);
+    std::wstring s(p, n);
+    return s.substr(0, s.rfind(L'\\'));
+}
+}  // namespace
+
+TEST_F(Vcm, NoFileMeansManualOffAndSessionPathUnchanged) {
+    VCMConfigure c{true, L"junk"};
+    ASSERT_EQ(ReadVCMConfigure(&c), 0u);
+    EXPECT_FALSE(c.manualVCM);
+    EXPECT_EQ(c.indexFolder, L"");
+    std::wstring rw;
+    ASSERT_EQ(MVCM_GetSessionRWFolder(L"E:\\d\\VStore\\S0000000003", rw), 0u);
+    EXPECT_EQ(rw, L"E:\\d\\VStore\\S0000000003");
+    EXPECT_EQ(ReadVCMConfigure(nullptr), 0x80070057u);
+}
+
+TEST_F(Vcm, WrittenFileIsUtf16WithMarkAndReadsBack) {
+    const VCMConfigure in{true, L"F:\\idx\\\u00e9t\u00e9"};
+    ASSERT_EQ(WriteVCMConfigure(&in), 0u);
+    const auto bytes = kxtest::ReadBytes(Ini());
+    ASSERT_GE(bytes.size(), 20u);
+    EXPECT_EQ(bytes[0], 0xFF);
+    EXPECT_EQ(bytes[1], 0xFE);
+    // The creator writes the mark with its terminating null; Wine's profile
+    // writer then rewrites that line as "[VCMSIG]\r\n" (checked on creation below).
+    EXPECT_EQ(0, std::memcmp(bytes.data() + 2, L"[VCMSIG]", 16));
+    wchar_t v[64] = {};
+    ::GetPrivateProfileStringW(L"Configuration", L"ManualVCM", L"", v, 64, Ini().c_str());
+    EXPECT_STREQ(v, L"1");
+    ::GetPrivateProfileStringW(L"Configuration", L"IdxFolder", L"", v, 64, Ini().c_str());
+    EXPECT_EQ(std::wstring(v), in.indexFolder);
+
+    VCMConfigure out{};
+    ASSERT_EQ(ReadVCMConfigure(&out), 0u);
+    EXPECT_TRUE(out.manualVCM);
+    EXPECT_EQ(out.indexFolder, in.indexFolder);
+
+    // Rewriting replaces the section; the folder is only read in manual mode.
+    const VCMConfigure off{false, L""};
+    ASSERT_EQ(WriteVCMConfigure(&off), 0u);
+    ASSERT_EQ(ReadVCMConfigure(&out), 0u);
+    EXPECT_FALSE(out.manualVCM);
+    EXPECT_EQ(out.indexFolder, L"");
+}
+
+TEST_F(Vcm, MarkIsWrittenWithItsNull) {
+    kxtest::MakeDirs(install / L"Configuration");
+    ASSERT_EQ(kx::CreateIniWithUnicodePrefix(Ini().c_str(), L"[VCMSIG]"), 0u);
+    const auto bytes = kxtest::ReadBytes(Ini());
+    ASSERT_EQ(bytes.size(), 20u);
+    EXPECT_EQ(0, std::memcmp(bytes.data(), "\xFF\xFE[\0V\0C\0M\0S\0I\0G\0]\0\0\0", 20));
+}
+
+TEST_F(Vcm, ManualModeDefaultsAndTranslatesSessionFolders) {
+    kxtest::MakeDirs(install / L"Configuration");
+    kxtest::WriteText(Ini(), "[Configuration]\r\nManualVCM=1\r\n");
+    VCMConfigure c{};
+    ASSERT_EQ(ReadVCMConfigure(&c), 0u);
+    EXPECT_TRUE(c.manualVCM);
+    EXPECT_EQ(c.indexFolder, DllFolder() + L"\\temp\\MVCM");
+
+    std::wstring a, b, other;
+    ASSERT_EQ(MVCM_GetSessionRWFolder(L"E:\\dest\\VStore\\S0000000003", a), 0u);
+    ASSERT_EQ(MVCM_GetSessionRWFolder(L"e:\\DEST\\VStore\\S0000000003\\", b), 0u);
+    ASSERT_EQ(MVCM_GetSessionRWFolder(L"F:\\dest\\VStore\\S0000000003", other), 0u);
+    EXPECT_EQ(a, b);  // stable, whatever the case of the path
+    EXPECT_NE(a, other);
+    EXPECT_EQ(a.rfind(c.indexFolder + L"\\dest-", 0), 0u);
+    EXPECT_EQ(a.substr(a.size() - 12), L"\\S0000000003");
+    EXPECT_NE(MVCM_GetSessionRWFolder(L"E:\\dest\\no-session", a), 0u);
+}
+
+TEST(IntactSessions, TenSessionsWithBackupRunningAndAMerge) {
+    ScratchDir d;
+    for (unsigned n = 1; n <= 10; ++n)
+        kxtest::WriteBackupInfo(d.path() + L"\\VStore\\S" + std::wstring(9 - (n >= 10), L'0') + std::to_wstring(n), n,
+                                n == 1 ? "Full" : "Incremental");
+    kxtest::WriteText(d / L"backup.lck", "");
+    kxtest::MakeDirs(d / L"ToPurge");
+    kxtest::WriteText(d / L"ToPurge\\S0000000004.idx_step1", "");
+
+    kxtest::LogCursor log;
+    IntactSessionListHandle* h = nullptr;
+    ASSERT_EQ(MVCM_OpenIntactSessionListHandle(d.path().c_str(), &h), 0u);
+    unsigned count = 99;
+    EXPECT_EQ(MVCM_QueryIntactSessionList(h, nullptr, 0, &count), 234u);
+    EXPECT_EQ(count, 7u);
+    unsigned got[16] = {};
+    ASSERT_EQ(MVCM_QueryIntactSessionList(h, got, 16, &count), 0u);
+    EXPECT_EQ(std::vector<unsigned>(got, got + count), (std::vector<unsigned>{1, 2, 3, 6, 7, 8, 9}));
+    MVCM_CloseIntactSessionListHandle(h);
+    EXPECT_TRUE(log.Contains(L"MVCM_GetIntactSessions, session " + d.path() + L"\\VStore\\S0000000010 is under backup, skip it"));
+    EXPECT_TRUE(log.Contains(L"Exclude session in merging, root=" + d.path() + L", SessionNumber=5"));
+
+    // Without backup.lck the newest stays when it is finished, goes when it is not.
+    ::DeleteFileW((d / L"backup.lck").c_str());
+    ASSERT_EQ(MVCM_OpenIntactSessionListHandle(d.path().c_str(), &h), 0u);
+    ASSERT_EQ(MVCM_QueryIntactSessionList(h, got, 16, &count), 0u);
+    EXPECT_EQ(count, 8u);
+    MVCM_CloseIntactSessionListHandle(h);
+    kxtest::WriteBackupInfo(d / L"VStore\\S0000000010", 10, "Incremental", "Active");
+    ASSERT_EQ(MVCM_OpenIntactSessionListHandle(d.path().c_str(), &h), 0u);
+    ASSERT_EQ(MVCM_QueryIntactSessionList(h, got, 16, &count), 0u);
+    EXPECT_EQ(count, 7u);
+    MVCM_CloseIntactSessionListHandle(h);
+}
+
+TEST(IntactSessions, BadArgumentsAndEmptyDestinations) {
+    ScratchDir d;
+    IntactSessionListHandle* h = nullptr;
+    EXPECT_EQ(MVCM_OpenIntactSessionListHandle(nullptr, &h), 0x80070057u);
+    EXPECT_EQ(MVCM_OpenIntactSessionListHandle(d.path().c_str(), nullptr), 0x80070057u);
+    EXPECT_EQ(MVCM_OpenIntactSessionListHandle((d.path() + L"\\missing").c_str(), &h), 2u);
+    unsigned count = 5;
+    EXPECT_EQ(MVCM_QueryIntactSessionList(nullptr, nullptr, 0, &count), 0x80004003u);
+    ASSERT_EQ(MVCM_OpenIntactSessionListHandle(d.path().c_str(), &h), 0u);
+    EXPECT_EQ(MVCM_QueryIntactSessionList(h, nullptr, 0, &count), 0u);
+    EXPECT_EQ(count, 0u);
+    MVCM_CloseIntactSessionListHandle(h);
+    MVCM_CloseIntactSessionListHandle(nullptr);
+}

@@ -56,6 +56,13 @@ using OpenFn = DWORD (*)(const wchar_t* path, DWORD access, DWORD share, const P
 DWORD CreateVHDFileEx(const wchar_t* path, DWORD access, DWORD share, const PasswordBlock* password,
                       std::unique_ptr<IVDisk>* disk);
 
+// Creates a VHD file and opens it for reading and writing: a fixed or
+// dynamic disk of `bytes` (kTypeFixed, kTypeDynamic), or a differencing disk
+// (kTypeDifferencing) over the disk file `parent`, which the new file names
+// by a path relative to its own folder and by its absolute path.
+DWORD CreateVhd(const wchar_t* path, DWORD type, ULONGLONG bytes, const wchar_t* parent,
+                std::unique_ptr<IVDisk>* disk);
+
 namespace testing {
 // Replaces the opener behind CreateVHDFileEx (nullptr restores the default).
 void SetOpener(OpenFn open) noexcept;

@@ -227,6 +227,33 @@ DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs) {
     return code;
 }
 
+DWORD RunCapture(const std::wstring& commandLine, std::string* output, DWORD timeoutMs) {
+    ScratchDir d;
+    const std::wstring outFile = d / L"out.txt";
+    SECURITY_ATTRIBUTES sa{sizeof sa, nullptr, TRUE};
+    kx::unique_hfile out(::CreateFileW(outFile.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &sa,
+                                       CREATE_ALWAYS, 0, nullptr));
+    STARTUPINFOW si{};
+    si.cb = sizeof si;
+    si.dwFlags = STARTF_USESTDHANDLES;
+    si.hStdOutput = out.get();
+    si.hStdError = out.get();
+    si.hStdInput = nullptr;
+    PROCESS_INFORMATION pi{};
+    std::wstring cmd = commandLine;
+    if (!::CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi)) return 0xFFFFFFFF;
+    kx::unique_handle process(pi.hProcess), thread(pi.hThread);
+    DWORD code = 0xFFFFFFFE;
+    if (::WaitForSingleObject(process.get(), timeoutMs) == WAIT_OBJECT_0)
+        ::GetExitCodeProcess(process.get(), &code);
+    else
+        ::TerminateProcess(process.get(), code);
+    out.reset();
+    const auto bytes = ReadBytes(outFile);
+    output->assign(bytes.begin(), bytes.end());
+    return code;
+}
+
 std::wstring BinDir() {
     wchar_t path[MAX_PATH];
     DWORD n = ::GetModuleFileNameW(nullptr, path, MAX_PATH);

@@ -29,5 +29,11 @@ bool HasFlag(const Args& args, const wchar_t* flag);
 
 int CmdVersion(const Args& args);
 int CmdLog(const Args& args);
+int CmdBitmap(const Args& args);
+int CmdLock(const Args& args);
+int CmdMerges(const Args& args);
+int CmdIntact(const Args& args);
+int CmdVcm(const Args& args);
+int CmdDemo(const Args& args);
 
 }  // namespace kxha

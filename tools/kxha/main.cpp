@@ -9,6 +9,25 @@ namespace kxha {
 
 const std::vector<Command>& Commands() {
     static const std::vector<Command> commands = {
+        {L"bitmap", L"prepare, list, check, remove and read session bitmaps",
+         L"kxha bitmap <subcommand> ... [--json]\n\n"
+         L"  create <destination> [--bitmap-root DIR] [--regen]   prepare bitmaps of the new sessions\n"
+         L"  list <path>                        prepared sessions of every destination of a path\n"
+         L"  disks <path> <session>             bitmap files of a prepared session\n"
+         L"  check <root> <session>             does a prepared session match its session folder\n"
+         L"  delete <path> [session]            remove prepared sessions up to and including session\n"
+         L"  obsolete <path> <begin> <end>      remove bitmaps made obsolete by a full session\n"
+         L"  show <file> [--max-extents N]      header, set sectors and extents of a bitmap file\n"
+         L"  union <disk file> <lowest session> changed sectors of a disk across sessions",
+         CmdBitmap},
+        {L"lock", L"lock a session range against the agent's merges",
+         L"kxha lock <root> <begin> <end> [--manual] [--hold SECONDS] [--json]", CmdLock},
+        {L"merges", L"sessions under merge in a destination", L"kxha merges <root> [--json]", CmdMerges},
+        {L"intact", L"sessions a conversion may use", L"kxha intact <root> [--json]", CmdIntact},
+        {L"vcm", L"show or change the manual conversion configuration",
+         L"kxha vcm get|set [--manual 0|1] [--index-folder DIR] [--json]", CmdVcm},
+        {L"demo", L"build a destination on demo data and run a virtual-standby cycle over it",
+         L"kxha demo [folder] [--json]", CmdDemo},
         {L"version", L"show the library's version resource", L"kxha version [--json]", CmdVersion},
         {L"log", L"show where the debug log is and its last lines", L"kxha log [--lines N] [--json]", CmdLog},
     };

@@ -1,0 +1,339 @@
+// The built-in session lock: between objects of one process, against a holder
+// in another process (refusal details, waiting, death of the holder), the
+// exclusion record that readers see, and the factory's choice of manager.
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "common/unique_resource.h"
+#include "kx_test.h"
+#include "platform/builtin_session_lock.h"
+#include "platform/session_lock.h"
+
+namespace kp = kx::platform;
+using kxtest::ScratchDir;
+
+namespace {
+
+struct Releaser {
+    void operator()(kp::ISessionLock* l) const { l->Release(); }
+};
+using LockPtr = std::unique_ptr<kp::ISessionLock, Releaser>;
+
+LockPtr NewLock(int op = kp::OP_BITMAP) {
+    kp::ISessionLock* l = nullptr;
+    EXPECT_EQ(kp::CreateBuiltinSessionLock(op, &l), 0u);
+    return LockPtr(l);
+}
+
+kp::SessionLockRequest Req(const std::wstring& root, std::vector<DWORD> sessions, DWORD wait = 0,
+                           const std::wstring& desc = L"test job") {
+    kp::SessionLockRequest r;
+    r.root = root;
+    r.sessions = std::move(sessions);
+    r.wait = wait;
+    r.jobDescription = desc;
+    return r;
+}
+
+// Locks with a fresh object and gives it back (null when refused).
+LockPtr Take(const std::wstring& root, std::vector<DWORD> sessions, DWORD* rc = nullptr) {
+    LockPtr l = NewLock();
+    std::vector<kp::SessionLockConflict> c;
+    const DWORD r = l->LockSession(Req(root, std::move(sessions)), c);
+    if (rc) *rc = r;
+    return r ? nullptr : std::move(l);
+}
+
+bool IsFree(const std::wstring& root, DWORD session) {
+    kp::SessionLockRecord r;
+    return kp::ReadSessionLock(root, session, r) == ERROR_NOT_LOCKED;
+}
+
+std::wstring ComputerName() {
+    wchar_t buf[256];
+    DWORD n = 256;
+    ::GetComputerNameExW(ComputerNameNetBIOS, buf, &n);
+    return std::wstring(buf, n);
+}
+
+std::wstring UserName() {
+    wchar_t buf[256];
+    DWORD n = 256;
+    ::GetUserNameW(buf, &n);
+    return buf;
+}
+
+// ---- one process -----------------------------------------------------------
+
+TEST(SessionLockInProcess, SecondObjectIsRefusedUntilTheFirstLetsGo) {
+    ScratchDir root;
+    LockPtr first = NewLock(kp::OP_VCM);
+    std::vector<kp::SessionLockConflict> c;
+    ASSERT_EQ(first->LockSession(Req(root.path(), {9, 7, 7, 8}, 0, L"first job"), c), 0u);
+    EXPECT_TRUE(c.empty());
+    EXPECT_TRUE(kxtest::Exists(root / L"SessionLocks\\S0000000007.lock"));
+
+    LockPtr second = NewLock();
+    EXPECT_EQ(second->LockSession(Req(root.path(), {8}), c), static_cast<DWORD>(ERROR_LOCK_VIOLATION));
+    ASSERT_EQ(c.size(), 1u);
+    EXPECT_EQ(c[0].processId, ::GetCurrentProcessId());
+    EXPECT_EQ(c[0].op, kp::OP_VCM);
+    EXPECT_EQ(c[0].errorCode, static_cast<DWORD>(ERROR_LOCK_VIOLATION));
+    EXPECT_EQ(c[0].Desc, L"first job");
+    EXPECT_EQ(c[0].File, kp::SessionLockFilePath(root.path(), 8));
+
+    // Duplicates were taken once: one holder per session.
+    std::vector<kp::SessionLockConflict> holders;
+    EXPECT_EQ(first->QueryLock(holders), 0u);
+    ASSERT_EQ(holders.size(), 3u);
+    EXPECT_EQ(holders[0].File, kp::SessionLockFilePath(root.path(), 7));
+    EXPECT_EQ(holders[2].File, kp::SessionLockFilePath(root.path(), 9));
+
+    // A second request while holding is refused and changes nothing.
+    EXPECT_EQ(first->LockSession(Req(root.path(), {1}), c), static_cast<DWORD>(ERROR_INVALID_STATE));
+    EXPECT_FALSE(IsFree(root.path(), 9));
+
+    // Unlock frees (and removes) the files; the object can lock again.
+    EXPECT_EQ(first->UnlockSession(), 0u);
+    EXPECT_FALSE(kxtest::Exists(root / L"SessionLocks\\S0000000007.lock"));
+    EXPECT_EQ(second->LockSession(Req(root.path(), {8}), c), 0u);
+    EXPECT_EQ(first->LockSession(Req(root.path(), {7, 9}), c), 0u);
+
+    // Release unlocks what is still held.
+    first.reset();
+    EXPECT_TRUE(IsFree(root.path(), 7));
+    EXPECT_FALSE(IsFree(root.path(), 8));
+}
+
+TEST(SessionLockInProcess, AWaiterGetsTheSessionsWhenTheHolderLetsGoInTime) {
+    ScratchDir root;
+    LockPtr holder = Take(root.path(), {4});
+    ASSERT_TRUE(holder);
+    HANDLE t = ::CreateThread(
+        nullptr, 0,
+        [](void* p) -> DWORD {
+            ::Sleep(300);
+            static_cast<kp::ISessionLock*>(p)->UnlockSession();
+            return 0;
+        },
+        holder.get(), 0, nullptr);
+    kx::unique_handle thread(t);
+    LockPtr waiter = NewLock();
+    std::vector<kp::SessionLockConflict> c;
+    const ULONGLONG t0 = ::GetTickCount64();
+    EXPECT_EQ(waiter->LockSession(Req(root.path(), {3, 4}, 20000), c), 0u);
+    EXPECT_LT(::GetTickCount64() - t0, 15000u);
+    ::WaitForSingleObject(thread.get(), INFINITE);
+}
+
+TEST(SessionLockInProcess, EdgeRequests) {
+    ScratchDir root;
+    std::vector<kp::SessionLockConflict> c;
+    // Nothing asked, nothing taken, nothing written.
+    EXPECT_EQ(NewLock()->LockSession(Req(root.path(), {}), c), 0u);
+    EXPECT_FALSE(kxtest::Exists(root / L"SessionLocks"));
+
+    EXPECT_EQ(NewLock()->LockSession(Req(L"", {1}), c), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    const DWORD missing = NewLock()->LockSession(Req(root / L"none", {1}), c);
+    EXPECT_TRUE(missing == ERROR_FILE_NOT_FOUND || missing == ERROR_PATH_NOT_FOUND) << missing;
+    kxtest::WriteText(root / L"file", "x");
+    EXPECT_EQ(NewLock()->LockSession(Req(root / L"file", {1}), c), static_cast<DWORD>(ERROR_DIRECTORY));
+    EXPECT_TRUE(c.empty());
+
+    // A stale record nobody holds (even a garbled one) is simply taken over.
+    kxtest::MakeDirs(root / L"SessionLocks");
+    kxtest::WriteText(root / L"SessionLocks\\S0000000002.lock", "garbage from a crashed holder");
+    EXPECT_TRUE(IsFree(root.path(), 2));
+    LockPtr l = Take(root.path(), {2});
+    ASSERT_TRUE(l);
+    kp::SessionLockRecord r;
+    ASSERT_EQ(kp::ReadSessionLock(root.path(), 2, r), 0u);
+    EXPECT_EQ(r.processId, ::GetCurrentProcessId());
+    EXPECT_EQ(r.session, 2u);
+    // A root given with a trailing separator names the same lock.
+    DWORD rc = 0;
+    EXPECT_FALSE(Take(root.path() + L"\\", {2}, &rc));
+    EXPECT_EQ(rc, static_cast<DWORD>(ERROR_LOCK_VIOLATION));
+}
+
+TEST(SessionLockInProcess, ExcludedFilesAreRecordedWithTheirSession) {
+    ScratchDir root;
+    LockPtr l = NewLock();
+    EXPECT_EQ(l->ExcludeFile(root.path(), L"VStore\\S0000000005\\a.ctf"), static_cast<DWORD>(ERROR_NOT_LOCKED));
+    std::vector<kp::SessionLockConflict> c;
+    ASSERT_EQ(l->LockSession(Req(root.path(), {5, 6}), c), 0u);
+    const std::wstring leaf = root / L"leaf";
+    EXPECT_EQ(l->ExcludeFile(leaf, L"VStore\\S0000000006\\block0000000002.ctf"), 0u);
+    EXPECT_EQ(l->ExcludeFile(leaf, L"VStore\\S0000000006\\BLOCK0000000002.CTF"), 0u);  // once
+    EXPECT_EQ(l->ExcludeFile(leaf, L"VStore\\S0000000006\\b.ctf"), 0u);
+    EXPECT_EQ(l->ExcludeFile(leaf, L"shared.dat"), 0u);  // no session named: all of them
+    EXPECT_EQ(l->ExcludeFile(leaf, L"VStore\\S0000000007\\a.ctf"), static_cast<DWORD>(ERROR_NOT_LOCKED));
+
+    kp::SessionLockRecord r5, r6;
+    ASSERT_EQ(kp::ReadSessionLock(root.path(), 5, r5), 0u);
+    ASSERT_EQ(kp::ReadSessionLock(root.path(), 6, r6), 0u);
+    EXPECT_EQ(r5.excluded, std::vector<std::wstring>{leaf + L"\\shared.dat"});
+    EXPECT_EQ(r6.excluded, (std::vector<std::wstring>{leaf + L"\\VStore\\S0000000006\\block0000000002.ctf",
+                                                      leaf + L"\\VStore\\S0000000006\\b.ctf",
+                                                      leaf + L"\\shared.dat"}));
+    EXPECT_EQ(r6.desc, L"test job");
+    EXPECT_EQ(r6.op, kp::OP_BITMAP);
+}
+
+// ---- another process -------------------------------------------------------
+
+// session_lock_child holding sessions until the end of the scope (or Kill).
+class ChildHolder {
+public:
+    ChildHolder(const std::wstring& root, const std::wstring& sessions, const std::wstring& exclude) {
+        const std::wstring tag = std::to_wstring(::GetCurrentProcessId()) + L"_" + std::to_wstring(++count_);
+        ready_.reset(::CreateEventW(nullptr, TRUE, FALSE, (L"kx_sl_ready_" + tag).c_str()));
+        stop_.reset(::CreateEventW(nullptr, TRUE, FALSE, (L"kx_sl_stop_" + tag).c_str()));
+        std::wstring cmd = L"\"" + kxtest::BinDir() + L"\\session_lock_child.exe\" \"" + root + L"\" 11 \"" +
+                           kDesc + L"\" kx_sl_ready_" + tag + L" kx_sl_stop_" + tag + L" " + exclude + L" " + sessions;
+        STARTUPINFOW si{};
+        si.cb = sizeof si;
+        PROCESS_INFORMATION pi{};
+        if (!::CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) return;
+        process_.reset(pi.hProcess);
+        ::CloseHandle(pi.hThread);
+        pid_ = pi.dwProcessId;
+        HANDLE both[] = {ready_.get(), process_.get()};
+        ready = ::WaitForMultipleObjects(2, both, FALSE, 30000) == WAIT_OBJECT_0;
+    }
+    ~ChildHolder() {
+        if (!process_) return;
+        ::SetEvent(stop_.get());
+        if (::WaitForSingleObject(process_.get(), 15000) != WAIT_OBJECT_0) Kill();
+    }
+    void Kill() {
+        ::TerminateProcess(process_.get(), 9);
+        ::WaitForSingleObject(process_.get(), 15000);
+    }
+    DWORD Stop() {
+        ::SetEvent(stop_.get());
+        ::WaitForSingleObject(process_.get(), 15000);
+        DWORD code = 0xFFFFFFFF;
+        ::GetExitCodeProcess(process_.get(), &code);
+        return code;
+    }
+    DWORD pid() const { return pid_; }
+    bool ready = false;
+    static inline const std::wstring kDesc = L"nightly merge";
+
+private:
+    static inline int count_ = 0;
+    kx::unique_handle ready_, stop_, process_;
+    DWORD pid_ = 0;
+};
+
+TEST(SessionLockAcrossProcesses, OverlapsWaitAndAreRefusedWithTheHolder) {
+    ScratchDir root;
+    ChildHolder child(root.path(), L"3 4", L"VStore\\S0000000004\\block0000000002.ctf");
+    ASSERT_TRUE(child.ready);
+
+    // An overlap waits the whole wait, then names the holder.
+    LockPtr l = NewLock();
+    std::vector<kp::SessionLockConflict> c;
+    const ULONGLONG t0 = ::GetTickCount64();
+    EXPECT_EQ(l->LockSession(Req(root.path(), {4, 5}, 1500), c), static_cast<DWORD>(ERROR_LOCK_VIOLATION));
+    const ULONGLONG waited = ::GetTickCount64() - t0;
+    EXPECT_GE(waited, 1400u);
+    EXPECT_LT(waited, 15000u);
+    ASSERT_EQ(c.size(), 1u);
+    EXPECT_EQ(c[0].processId, child.pid());
+    EXPECT_EQ(c[0].op, kp::OP_VCM);
+    EXPECT_EQ(c[0].errorCode, static_cast<DWORD>(ERROR_LOCK_VIOLATION));
+    EXPECT_EQ(c[0].Computer, ComputerName());
+    EXPECT_EQ(_wcsicmp(c[0].User.c_str(), UserName().c_str()), 0) << kxtest::Narrow(c[0].User);
+    EXPECT_FALSE(c[0].Domain.empty());
+    EXPECT_EQ(c[0].Desc, ChildHolder::kDesc);
+    EXPECT_EQ(c[0].File, kp::SessionLockFilePath(root.path(), 4));
+    EXPECT_TRUE(IsFree(root.path(), 5));
+
+    // What the holder excluded is visible to readers, through the record and
+    // through the holders that QueryLock reports for the sessions asked for.
+    kp::SessionLockRecord r;
+    ASSERT_EQ(kp::ReadSessionLock(root.path(), 4, r), 0u);
+    EXPECT_EQ(r.processId, child.pid());
+    EXPECT_EQ(r.excluded, std::vector<std::wstring>{root / L"VStore\\S0000000004\\block0000000002.ctf"});
+    ASSERT_EQ(kp::ReadSessionLock(root.path(), 3, r), 0u);
+    EXPECT_TRUE(r.excluded.empty());
+    std::vector<kp::SessionLockConflict> holders;
+    EXPECT_EQ(l->QueryLock(holders), 0u);
+    ASSERT_EQ(holders.size(), 1u);
+    EXPECT_EQ(holders[0].processId, child.pid());
+
+    // Every held session of a refused request is reported.
+    EXPECT_EQ(l->LockSession(Req(root.path(), {2, 3, 4, 5}), c), static_cast<DWORD>(ERROR_LOCK_VIOLATION));
+    ASSERT_EQ(c.size(), 2u);
+    EXPECT_EQ(c[0].File, kp::SessionLockFilePath(root.path(), 3));
+    EXPECT_EQ(c[1].File, kp::SessionLockFilePath(root.path(), 4));
+
+    // All or nothing: nothing of {1,2,3} stays taken when 3 is held.
+    EXPECT_EQ(l->LockSession(Req(root.path(), {1, 2, 3}), c), static_cast<DWORD>(ERROR_LOCK_VIOLATION));
+    EXPECT_TRUE(IsFree(root.path(), 1));
+    EXPECT_TRUE(IsFree(root.path(), 2));
+    EXPECT_TRUE(Take(root.path(), {1, 2}));
+
+    // Sessions the child doesn't hold lock at once.
+    EXPECT_EQ(l->LockSession(Req(root.path(), {5, 6}), c), 0u);
+
+    // A holder that unlocks frees its sessions and removes its files.
+    EXPECT_EQ(child.Stop(), 0u);
+    EXPECT_FALSE(kxtest::Exists(root / L"SessionLocks\\S0000000003.lock"));
+    EXPECT_TRUE(Take(root.path(), {3, 4}));
+}
+
+TEST(SessionLockAcrossProcesses, AKilledHolderFreesItsSessionsAtOnce) {
+    ScratchDir root;
+    ChildHolder child(root.path(), L"10 11", L"-");
+    ASSERT_TRUE(child.ready);
+    DWORD rc = 0;
+    EXPECT_FALSE(Take(root.path(), {11}, &rc));
+    EXPECT_EQ(rc, static_cast<DWORD>(ERROR_LOCK_VIOLATION));
+
+    child.Kill();
+    EXPECT_TRUE(kxtest::Exists(root / L"SessionLocks\\S0000000010.lock"));  // left behind, but free
+    EXPECT_TRUE(IsFree(root.path(), 10));
+    LockPtr l = Take(root.path(), {10, 11}, &rc);
+    ASSERT_TRUE(l) << rc;
+    kp::SessionLockRecord r;
+    ASSERT_EQ(kp::ReadSessionLock(root.path(), 10, r), 0u);
+    EXPECT_EQ(r.processId, ::GetCurrentProcessId());
+}
+
+// ---- the factory -----------------------------------------------------------
+
+DWORD OverrideFactory(int op, kp::ISessionLock** lock) {
+    *lock = nullptr;
+    return 0x7000u + static_cast<DWORD>(op);
+}
+
+TEST(SessionLockFactory, BuiltInWithoutSessionManagerAndOverriddenInTests) {
+    ASSERT_EQ(::GetModuleHandleW(L"SessionManager.dll"), nullptr);
+    ScratchDir root;
+    kp::ISessionLock* raw = nullptr;
+    ASSERT_EQ(kp::CreateKbSessLock(kp::OP_RESTORE, &raw), 0u);
+    ASSERT_NE(raw, nullptr);
+    LockPtr l(raw);
+    std::vector<kp::SessionLockConflict> c;
+    ASSERT_EQ(l->LockSession(Req(root.path(), {1}, 0, L"Instant VM"), c), 0u);
+    kp::SessionLockRecord r;
+    ASSERT_EQ(kp::ReadSessionLock(root.path(), 1, r), 0u);
+    EXPECT_EQ(r.op, kp::OP_RESTORE);
+    EXPECT_EQ(r.desc, L"Instant VM");
+    l.reset();
+
+    kp::testing::SetLockFactory(&OverrideFactory);
+    raw = reinterpret_cast<kp::ISessionLock*>(1);
+    EXPECT_EQ(kp::CreateKbSessLock(kp::OP_VCM, &raw), 0x7000u + kp::OP_VCM);
+    EXPECT_EQ(raw, nullptr);
+    kp::testing::SetLockFactory(nullptr);
+    ASSERT_EQ(kp::CreateKbSessLock(kp::OP_VCM, &raw), 0u);
+    LockPtr again(raw);
+    EXPECT_EQ(again->LockSession(Req(root.path(), {1}), c), 0u);
+}
+
+}  // namespace

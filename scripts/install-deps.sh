@@ -13,6 +13,7 @@ pkgs=(
   qemu-utils                   # independent VHD writer/checker
   libvhdi-utils python3-libvhdi  # independent VHD reader
   python3
+  procps                       # pgrep, used to keep Wine services detached
 )
 
 missing=()

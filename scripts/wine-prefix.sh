@@ -16,3 +16,9 @@ if [ ! -f "$WINEPREFIX/.kx-ready" ]; then
 fi
 # A persistent server: started once, reused by every program of the run.
 wineserver -p >/dev/null 2>&1 </dev/null 9>&- || true
+# Wine's own services (services.exe, winedevice.exe, plugplay.exe) live as
+# long as the server; started here with no inherited descriptors, they never
+# hold a caller's pipe open after its program has ended.
+if ! pgrep -f 'system32.services\.exe' >/dev/null 2>&1; then
+  wine cmd.exe /c exit >/dev/null 2>&1 </dev/null 9>&- || true
+fi

@@ -159,8 +159,13 @@ Status VhdDisk::LoadParent(FileSystem& fs, std::vector<Guid>* chain) {
     name.resize(std::min(name.size(), name.find(u'\0')));
     if (!name.empty()) candidates.push_back(JoinRelative(folder, FileNameOf(name)));
 
+    // A candidate that turns out not to be the parent leaves no trace in
+    // the chain, or a later candidate sharing its ancestors would look like
+    // a loop.
+    const size_t depth = chain->size();
     Status failure = kParentNotFound;
     for (const std::u16string& candidate : candidates) {
+        chain->resize(depth);
         std::unique_ptr<PositionedFile> file;
         Status s = fs.OpenParent(candidate, &file);
         if (IsNotFound(s)) continue;
@@ -306,11 +311,11 @@ Status VhdDisk::GetBitmap(uint64_t startSector, uint32_t byteCount, uint64_t* al
     const uint64_t start = startSector / 8 * 8;
     *alignedStart = start;
     *validSectors = 0;
-    if (start >= total) return kOk;
+    if (byteCount) std::memset(bits, 0, byteCount);
+    if (start >= total || byteCount == 0) return kOk;
     const uint64_t valid = std::min<uint64_t>(uint64_t{byteCount} * 8, total - start);
     *validSectors = valid;
     const size_t validBytes = static_cast<size_t>((valid + 7) / 8);
-    std::memset(bits, 0, byteCount);
 
     if (Type() == DiskType::kFixed) {
         std::memset(bits, 0xFF, validBytes);

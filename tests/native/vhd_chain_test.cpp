@@ -1,0 +1,122 @@
+// Differencing chains: reads through parents, and finding the parent again
+// after files move.
+#include "vhd_test_util.h"
+
+namespace vhdtest {
+namespace {
+
+// base <- mid <- top, each with its own writes; returns what top should read.
+Model MakeChain(const std::string& base, const std::string& mid, const std::string& top, DiskType baseType) {
+    const uint64_t size = 6 * kMiB + 40 * kSector;
+    Model model(size);
+    std::unique_ptr<VhdDisk> disk;
+    EXPECT_EQ(CreatePosix(base, baseType, size, &disk), 0u);
+    WriteBoth(*disk, model, 0, 9000, 1);
+    WriteBoth(*disk, model, size / kSector - 50, 50, 1);
+    EXPECT_EQ(CreatePosix(mid, DiskType::kDifferencing, 0, &disk, base), 0u);
+    WriteBoth(*disk, model, 4000, 200, 2);
+    WriteBoth(*disk, model, 8190, 3, 2);
+    EXPECT_EQ(CreatePosix(top, DiskType::kDifferencing, 0, &disk, mid), 0u);
+    WriteBoth(*disk, model, 4100, 7, 3);
+    WriteBoth(*disk, model, 1, 1, 3);
+    WriteBoth(*disk, model, size / kSector - 60, 20, 3);
+    return model;
+}
+
+TEST(VhdChain, ReadsFallThroughEveryLevel) {
+    for (DiskType baseType : {DiskType::kFixed, DiskType::kDynamic}) {
+        ScratchDir dir;
+        const Model model = MakeChain(dir / "base.vhd", dir / "mid.vhd", dir / "top.vhd", baseType);
+        std::unique_ptr<VhdDisk> top;
+        ASSERT_EQ(OpenPosix(dir / "top.vhd", false, &top), 0u);
+        ASSERT_NE(top->Parent(), nullptr);
+        ASSERT_NE(top->Parent()->Parent(), nullptr);
+        EXPECT_EQ(top->Parent()->Parent()->Type(), baseType);
+        EXPECT_EQ(top->Parent()->Parent()->Parent(), nullptr);
+        EXPECT_EQ(ReadAll(*top), model.data);
+    }
+}
+
+TEST(VhdChain, ParentIsFoundAfterTheChainMoves) {
+    ScratchDir dir;
+    fs::create_directories(dir.path() / "old/a");
+    fs::create_directories(dir.path() / "old/b");
+    const Model model = MakeChain(dir / "old/a/base.vhd", dir / "old/b/mid.vhd", dir / "old/b/top.vhd",
+                                  DiskType::kDynamic);
+    std::unique_ptr<VhdDisk> top;
+
+    // Moved as a whole: only the relative locators still lead anywhere.
+    fs::rename(dir.path() / "old", dir.path() / "new");
+    ASSERT_EQ(OpenPosix(dir / "new/b/top.vhd", false, &top), 0u);
+    EXPECT_EQ(ReadAll(*top), model.data);
+
+    // The top moved alone: every locator now leads nowhere.
+    fs::rename(dir.path() / "new/b/top.vhd", dir.path() / "top.vhd");
+    EXPECT_EQ(OpenPosix(dir / "top.vhd", false, &top), kx::vhd::kParentNotFound);
+    fs::rename(dir.path() / "top.vhd", dir.path() / "new/b/top.vhd");
+
+    // The base moved beside mid, away from both of mid's locators: found by
+    // the name in mid's header.
+    fs::rename(dir.path() / "new/a/base.vhd", dir.path() / "new/b/base.vhd");
+    ASSERT_EQ(OpenPosix(dir / "new/b/top.vhd", false, &top), 0u);
+    EXPECT_EQ(ReadAll(*top), model.data);
+}
+
+TEST(VhdChain, BrokenChainsGiveTheirCodes) {
+    ScratchDir dir;
+    MakeChain(dir / "base.vhd", dir / "mid.vhd", dir / "top.vhd", DiskType::kDynamic);
+    std::unique_ptr<VhdDisk> disk;
+    const Bytes base = ReadFile(dir / "base.vhd"), mid = ReadFile(dir / "mid.vhd"), top = ReadFile(dir / "top.vhd");
+
+    fs::remove(dir.path() / "base.vhd");
+    EXPECT_EQ(OpenPosix(dir / "top.vhd", false, &disk), kx::vhd::kParentNotFound);
+
+    // Another disk of the same size under the parent's name.
+    ASSERT_EQ(CreatePosix(dir / "base.vhd", DiskType::kDynamic, GetBe(base, 48, 8), &disk), 0u);
+    EXPECT_EQ(OpenPosix(dir / "top.vhd", false, &disk), kx::vhd::kChildParentIdMismatch);
+
+    // The right parent, but of another size.
+    Bytes resized = base;
+    for (size_t at : {size_t{0}, resized.size() - kSector}) {
+        SetBe(resized, at + 48, 8, GetBe(base, 48, 8) - kSector);
+        Reseal(resized, at, kSector, 64);
+    }
+    WriteFile(dir / "base.vhd", resized);
+    EXPECT_EQ(OpenPosix(dir / "top.vhd", false, &disk), kx::vhd::kChildParentSizeMismatch);
+
+    // A parent that is damaged.
+    Bytes damaged = base;
+    damaged[512] ^= 1;
+    WriteFile(dir / "base.vhd", damaged);
+    EXPECT_EQ(OpenPosix(dir / "top.vhd", false, &disk), kx::vhd::kSparseHeaderCorrupt);
+
+    // A loop: top's grandparent is top itself.
+    WriteFile(dir / "base.vhd", top);
+    EXPECT_EQ(OpenPosix(dir / "top.vhd", false, &disk), kx::vhd::kChainCycleDetected);
+    EXPECT_EQ(OpenPosix(dir / "mid.vhd", false, &disk), kx::vhd::kChainCycleDetected);
+}
+
+// A stale disk where the relative locator points, sharing an ancestor with
+// the real parent, is passed over for the real parent; the ancestor it
+// shares is no loop.
+TEST(VhdChain, StaleCopyAtTheRelativeLocationIsPassedOver) {
+    ScratchDir dir;
+    fs::create_directories(dir.path() / "x");
+    fs::create_directories(dir.path() / "y");
+    const Model model = MakeChain(dir / "base.vhd", dir / "mid.vhd", dir / "x/p.vhd", DiskType::kDynamic);
+    std::unique_ptr<VhdDisk> disk;
+    ASSERT_EQ(CreatePosix(dir / "y/c.vhd", DiskType::kDifferencing, 0, &disk, dir / "x/p.vhd"), 0u);
+    disk.reset();
+
+    // Move the child one level down; its relative locator "..\x\p.vhd" now
+    // names z/x/p.vhd, where a sibling of its parent lies.
+    fs::create_directories(dir.path() / "z/x");
+    fs::rename(dir.path() / "y", dir.path() / "z/y");
+    ASSERT_EQ(CreatePosix(dir / "z/x/p.vhd", DiskType::kDifferencing, 0, &disk, dir / "mid.vhd"), 0u);
+    disk.reset();
+    ASSERT_EQ(OpenPosix(dir / "z/y/c.vhd", false, &disk), 0u);
+    EXPECT_EQ(ReadAll(*disk), model.data);
+}
+
+}  // namespace
+}  // namespace vhdtest

@@ -1,0 +1,221 @@
+// Damaged and hostile images: each is refused with its own code, or, where
+// the damage is recoverable, read correctly; none may crash.
+#include <functional>
+
+#include "vhd_test_util.h"
+
+namespace vhdtest {
+namespace {
+
+using Mem = kxnative::MemoryFileSystem;
+namespace v = kx::vhd;
+
+constexpr uint64_t kDiskSize = 64 * 1024;  // 16 blocks of 4 KiB
+constexpr size_t kHeader = 512;
+
+// Small in-memory images: /f.vhd fixed, /d.vhd dynamic with blocks 0, 3 and
+// 15 present, /c.vhd a child of /d.vhd with one block.
+struct Images {
+    Images() {
+        v::CreateParams p;
+        p.size = kDiskSize;
+        p.blockSize = 4096;
+        std::unique_ptr<VhdDisk> disk;
+        p.type = DiskType::kFixed;
+        EXPECT_EQ(VhdDisk::Create(mem, u"/f.vhd", p, &disk), 0u);
+        p.type = DiskType::kDynamic;
+        EXPECT_EQ(VhdDisk::Create(mem, u"/d.vhd", p, &disk), 0u);
+        Model m(kDiskSize);
+        WriteBoth(*disk, m, 0, 4, 1);
+        WriteBoth(*disk, m, 24, 8, 1);
+        WriteBoth(*disk, m, 127, 1, 1);
+        expectedDynamic = m.data;
+        p.type = DiskType::kDifferencing;
+        p.parentPath = u"/d.vhd";
+        EXPECT_EQ(VhdDisk::Create(mem, u"/c.vhd", p, &disk), 0u);
+        WriteBoth(*disk, m, 40, 2, 2);
+        disk.reset();
+        expectedChild = m.data;
+        fixed = mem.Get(u"/f.vhd");
+        dynamic = mem.Get(u"/d.vhd");
+        child = mem.Get(u"/c.vhd");
+    }
+    Status Open(const std::u16string& path, const Bytes& bytes, std::unique_ptr<VhdDisk>* disk) {
+        mem.Put(path, bytes);
+        std::unique_ptr<v::PositionedFile> file;
+        EXPECT_EQ(mem.Open(path, false, &file), 0u);
+        return VhdDisk::Open(std::move(file), path, false, mem, disk);
+    }
+    Mem mem;
+    Bytes fixed, dynamic, child, expectedDynamic, expectedChild;
+};
+
+// Applies `edit` to both copies of the footer (the front one only where the
+// file has it) and reseals their checksums.
+void EditFooters(Bytes& b, const std::function<void(size_t)>& edit, bool reseal = true) {
+    std::vector<size_t> at = {b.size() - kSector};
+    if (b.size() > 2 * kSector && memcmp(b.data(), &b[b.size() - kSector], 8) == 0) at.push_back(0);
+    for (size_t a : at) {
+        edit(a);
+        if (reseal) Reseal(b, a, kSector, 64);
+    }
+}
+void EditHeader(Bytes& b, const std::function<void(size_t)>& edit, bool reseal = true) {
+    edit(kHeader);
+    if (reseal) Reseal(b, kHeader, 1024, 36);
+}
+size_t Table(const Bytes& b) { return static_cast<size_t>(GetBe(b, kHeader + 16, 8)); }
+
+struct Case {
+    const char* name;
+    char image;  // 'f'ixed, 'd'ynamic, 'c'hild
+    std::function<void(Bytes&)> edit;
+    Status expected;
+};
+
+TEST(VhdHostile, DamagedImagesGiveTheirCodes) {
+    auto footerField = [](size_t off, int width, uint64_t value) {
+        return [=](Bytes& b) { EditFooters(b, [&](size_t a) { SetBe(b, a + off, width, value); }); };
+    };
+    auto headerField = [](size_t off, int width, uint64_t value) {
+        return [=](Bytes& b) { EditHeader(b, [&](size_t a) { SetBe(b, a + off, width, value); }); };
+    };
+    auto batEntry = [](size_t i, std::function<uint32_t(const Bytes&)> value) {
+        return [=](Bytes& b) { SetBe(b, Table(b) + 4 * i, 4, value(b)); };
+    };
+    auto entry = [](size_t i) { return [=](const Bytes& b) { return static_cast<uint32_t>(GetBe(b, Table(b) + 4 * i, 4)); }; };
+    const uint64_t huge = v::kMaxDiskSize;
+    const std::vector<Case> cases = {
+        {"Empty", 'd', [](Bytes& b) { b.clear(); }, v::kFooterMissing},
+        {"ShorterThanAFooter", 'd', [](Bytes& b) { b.resize(100); }, v::kFooterMissing},
+        {"NoCookie", 'd', [](Bytes& b) { EditFooters(b, [&](size_t a) { b[a] = 'X'; }, false); }, v::kFooterMissing},
+        {"BadChecksum", 'd', [](Bytes& b) { EditFooters(b, [&](size_t a) { b[a + 64] ^= 1; }, false); },
+         v::kFooterChecksumMismatch},
+        {"FixedNoCookie", 'f', [](Bytes& b) { b[b.size() - kSector] = 'X'; }, v::kFooterMissing},
+        {"FixedBadChecksum", 'f', [](Bytes& b) { b[b.size() - 1] ^= 1; }, v::kFooterChecksumMismatch},
+        {"Version2", 'd', footerField(12, 4, 0x00020000), v::kFormatUnsupportedVersion},
+        {"Type1", 'd', footerField(60, 4, 1), v::kInvalidType},
+        {"Type5", 'd', footerField(60, 4, 5), v::kInvalidType},
+        {"SizeZero", 'd', footerField(48, 8, 0), v::kInvalidSize},
+        {"SizeNotSectors", 'd', footerField(48, 8, 1000), v::kInvalidSize},
+        {"SizeTooLarge", 'd', footerField(48, 8, huge + kSector), v::kInvalidSize},
+        {"FixedFileTooShort", 'f', footerField(48, 8, 2 * kDiskSize), v::kInvalidFileSize},
+        {"NoDataOffset", 'd', footerField(16, 8, ~0ull), v::kFooterCorrupt},
+        {"DataOffsetZero", 'd', footerField(16, 8, 0), v::kFooterCorrupt},
+        {"DataOffsetAtFooter", 'd', [&](Bytes& b) { footerField(16, 8, b.size() - kSector)(b); }, v::kFooterCorrupt},
+        {"HeaderCookie", 'd', [](Bytes& b) { b[kHeader + 1] = 'X'; }, v::kSparseHeaderCorrupt},
+        {"HeaderChecksum", 'd', [](Bytes& b) { b[kHeader + 40] ^= 1; }, v::kSparseHeaderChecksumMismatch},
+        {"HeaderVersion", 'd', headerField(24, 4, 0x00020000), v::kSparseHeaderUnsupportedVersion},
+        {"BlockSizeZero", 'd', headerField(32, 4, 0), v::kInvalidBlockSize},
+        {"BlockSizeOdd", 'd', headerField(32, 4, 6144), v::kInvalidBlockSize},
+        {"BlockSizeSmall", 'd', headerField(32, 4, 2048), v::kInvalidBlockSize},
+        {"BlockSizeHuge", 'd', headerField(32, 4, 512u << 20), v::kInvalidBlockSize},
+        {"TooFewEntries", 'd', headerField(28, 4, 15), v::kBlockAllocationTableCorrupt},
+        {"TableAtZero", 'd', headerField(16, 8, 0), v::kBlockAllocationTableCorrupt},
+        {"TablePastEnd", 'd', headerField(16, 8, 1ull << 40), v::kBlockAllocationTableCorrupt},
+        {"TableRunsPastEnd", 'd', [&](Bytes& b) { headerField(16, 8, b.size() - kSector - 32)(b); }, v::kBlockAllocationTableCorrupt},
+        {"EntryPastEnd", 'd', batEntry(1, [](const Bytes&) { return 0x10000u; }), v::kBlockAllocationTableCorrupt},
+        // Block 0 moved over the header, or over the table, clear of other blocks.
+        {"EntryInHeader", 'd', batEntry(0, [](const Bytes&) { return 1u; }), v::kBlockAllocationTableCorrupt},
+        {"EntryOverTable", 'd', batEntry(0, [](const Bytes&) { return 3u; }), v::kBlockAllocationTableCorrupt},
+        {"EntryIntoFooter", 'd', batEntry(15, [&](const Bytes& b) { return entry(15)(b) + 1; }),
+         v::kBlockAllocationTableCorrupt},
+        {"EntriesOverlap", 'd', batEntry(1, [&](const Bytes& b) { return entry(0)(b) + 8; }),
+         v::kBlockAllocationTableCorrupt},
+        {"EntriesShared", 'd', batEntry(15, entry(3)), v::kBlockAllocationTableCorrupt},
+        // Sizes whose tables would be gigabytes: refused before any allocation.
+        {"AbsurdSizeSmallBlocks", 'd',
+         [&](Bytes& b) {
+             footerField(48, 8, huge)(b);
+             headerField(28, 4, huge / 4096)(b);
+         },
+         v::kBlockAllocationTableCorrupt},
+        {"AbsurdSizeAbsurdTable", 'd',
+         [&](Bytes& b) {
+             footerField(48, 8, huge)(b);
+             headerField(28, 4, ~0u)(b);
+         },
+         v::kBlockAllocationTableCorrupt},
+        {"LocatorTooLong", 'c', headerField(576 + 8, 4, 0x7FFFFFFF), v::kSparseHeaderCorrupt},
+        {"LocatorPastEnd", 'c', headerField(576 + 16, 8, 1ull << 40), v::kSparseHeaderCorrupt},
+        {"LocatorOffsetWraps", 'c', headerField(576 + 16, 8, ~0ull - 4), v::kSparseHeaderCorrupt},
+        {"NoWayToTheParent", 'c',
+         [&](Bytes& b) {
+             EditHeader(b, [&](size_t a) {
+                 for (size_t i = 0; i < 8; ++i) SetBe(b, a + 576 + 24 * i, 4, 0);
+                 std::fill(b.begin() + a + 64, b.begin() + a + 576, 0);
+             });
+         },
+         v::kParentNotFound},
+        // Recoverable: the trailing footer lost or cut off, the front copy
+        // remains.
+        {"TrailingFooterLost", 'd', [](Bytes& b) { b[b.size() - kSector] = 'X'; }, 0},
+        {"TrailingFooterCutOff", 'd', [](Bytes& b) { b.resize(b.size() - kSector); }, 0},
+    };
+    Images img;
+    for (const Case& c : cases) {
+        Bytes b = c.image == 'f' ? img.fixed : c.image == 'd' ? img.dynamic : img.child;
+        c.edit(b);
+        std::unique_ptr<VhdDisk> disk;
+        ASSERT_EQ(img.Open(u"/x/case.vhd", b, &disk), c.expected) << c.name;
+        if (c.expected == 0) EXPECT_EQ(ReadAll(*disk), c.image == 'd' ? img.expectedDynamic : img.expectedChild) << c.name;
+    }
+}
+
+// Every byte of the metadata flipped in turn: whatever opens must read and
+// report bitmaps within bounds (the sanitizers watch).
+TEST(VhdHostile, SingleByteDamageNeverCrashes) {
+    Images img;
+    for (const Bytes* base : {&img.dynamic, &img.child}) {
+        const size_t tableEnd = Table(*base) + 512;
+        std::vector<size_t> offsets;
+        for (size_t i = 0; i < tableEnd; ++i) offsets.push_back(i);
+        for (size_t i = base->size() - kSector; i < base->size(); ++i) offsets.push_back(i);
+        for (size_t at : offsets) {
+            for (uint8_t mask : {0x01, 0x80, 0xFF}) {
+                Bytes b = *base;
+                b[at] ^= mask;
+                std::unique_ptr<VhdDisk> disk;
+                if (img.Open(u"/x/case.vhd", b, &disk)) continue;
+                Bytes all(disk->Size());
+                disk->Read(0, static_cast<uint32_t>(disk->SectorCount()), all.data());
+                uint8_t bits[32];
+                uint64_t aligned, valid;
+                disk->GetBitmap(0, sizeof bits, &aligned, &valid, bits);
+                disk->GetBitmap(disk->SectorCount() - 1, sizeof bits, &aligned, &valid, bits);
+            }
+        }
+    }
+}
+
+// A failing file: every failure comes through as the file reported it.
+TEST(VhdHostile, ReadFailuresComeThrough) {
+    Images img;
+    for (const std::u16string path : {u"/f.vhd", u"/c.vhd"}) {
+        for (long allowed = 0;; ++allowed) {
+            std::unique_ptr<v::PositionedFile> file;
+            ASSERT_EQ(img.mem.Open(path, false, &file), 0u);
+            std::unique_ptr<VhdDisk> disk;
+            img.mem.readsLeft = allowed;
+            const Status s = VhdDisk::Open(std::move(file), path, false, img.mem, &disk);
+            img.mem.readsLeft = -1;
+            if (s == 0) break;
+            ASSERT_EQ(s, Mem::kIoFault) << allowed;
+            ASSERT_LT(allowed, 50);
+        }
+        std::unique_ptr<VhdDisk> disk;
+        ASSERT_EQ(img.Open(path, img.mem.Get(path), &disk), 0u);
+        Bytes all(disk->Size());
+        uint8_t bits[16];
+        uint64_t aligned, valid;
+        img.mem.readsLeft = 0;
+        EXPECT_EQ(disk->Read(0, static_cast<uint32_t>(disk->SectorCount()), all.data()), Mem::kIoFault);
+        if (disk->Type() != DiskType::kFixed)
+            EXPECT_EQ(disk->GetBitmap(40, sizeof bits, &aligned, &valid, bits), Mem::kIoFault);
+        img.mem.readsLeft = -1;
+        EXPECT_EQ(ReadAll(*disk), path == u"/f.vhd" ? Bytes(kDiskSize) : img.expectedChild);
+    }
+}
+
+}  // namespace
+}  // namespace vhdtest

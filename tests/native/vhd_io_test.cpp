@@ -1,0 +1,229 @@
+// Reads, writes and sector bitmaps of single disks and of chains, against a
+// byte-exact model of what each disk should hold.
+#include <set>
+
+#include "vhd_test_util.h"
+
+namespace vhdtest {
+namespace {
+
+struct Layout {
+    const char* name;
+    DiskType type;
+    uint32_t blockSize;
+};
+
+class VhdRoundTrip : public ::testing::TestWithParam<Layout> {};
+
+// Writes that start and end on every kind of edge: bitmap bytes, bitmap
+// sectors, blocks, and the partial last block of the disk.
+std::vector<std::pair<uint64_t, uint32_t>> EdgeWrites(uint32_t spb, uint64_t total) {
+    std::vector<std::pair<uint64_t, uint32_t>> writes = {
+        {0, 1},         {7, 1},       {8, 1},           {9, 3},          {spb - 1, 1},          {spb - 5, 12},
+        {2 * spb - 3, 300}, {3, 10},  {4090, 12},       {100, spb + 17}, {total - 1, 1},        {total - 20, 19},
+        {total - spb / 2, 2}};
+    std::erase_if(writes, [&](const auto& w) { return w.first + w.second > total; });
+    return writes;
+}
+
+TEST_P(VhdRoundTrip, ScatteredWritesReadBack) {
+    const Layout& L = GetParam();
+    ScratchDir dir;
+    const uint32_t spb = L.blockSize / kSector;
+    const uint64_t total = 3ull * spb + 301;  // not a block multiple, nor a multiple of 8
+    Model model(total * kSector);
+    std::unique_ptr<VhdDisk> disk;
+    std::string parent;
+    if (L.type == DiskType::kDifferencing) {
+        parent = dir / "parent.vhd";
+        ASSERT_EQ(CreatePosix(parent, DiskType::kDynamic, total * kSector, &disk, {}, L.blockSize), 0u);
+        for (uint64_t s : {uint64_t{0}, uint64_t{spb - 8}, uint64_t{2} * spb + 5, total - 40})
+            WriteBoth(*disk, model, s, 33, 1);
+        disk.reset();
+    }
+    const Bytes parentBefore = parent.empty() ? Bytes{} : ReadFile(parent);
+    ASSERT_EQ(CreatePosix(dir / "d.vhd", L.type, total * kSector, &disk, parent, L.blockSize), 0u);
+    ASSERT_EQ(disk->SectorCount(), total);
+    uint32_t seed = 2;
+    for (auto [first, count] : EdgeWrites(spb, total)) WriteBoth(*disk, model, first, count, seed++);
+    EXPECT_EQ(ReadAll(*disk), model.data);
+    ASSERT_EQ(disk->Flush(), 0u);
+
+    // A fresh object sees the same, through no cache.
+    ASSERT_EQ(OpenPosix(dir / "d.vhd", false, &disk), 0u);
+    EXPECT_EQ(ReadAll(*disk), model.data);
+    if (!parent.empty()) EXPECT_EQ(ReadFile(parent), parentBefore);
+
+    // And keeps taking writes after a reopen.
+    ASSERT_EQ(OpenPosix(dir / "d.vhd", true, &disk), 0u);
+    WriteBoth(*disk, model, spb + 1, 2 * spb, seed++);
+    WriteBoth(*disk, model, total - 2, 2, seed++);
+    ASSERT_EQ(OpenPosix(dir / "d.vhd", false, &disk), 0u);
+    EXPECT_EQ(ReadAll(*disk), model.data);
+}
+
+INSTANTIATE_TEST_SUITE_P(Layouts, VhdRoundTrip,
+                         ::testing::Values(Layout{"Fixed", DiskType::kFixed, 2u << 20},
+                                           Layout{"Dynamic", DiskType::kDynamic, 2u << 20},
+                                           Layout{"Dynamic4K", DiskType::kDynamic, 4096},
+                                           Layout{"Dynamic8M", DiskType::kDynamic, 8u << 20},
+                                           Layout{"Differencing", DiskType::kDifferencing, 2u << 20},
+                                           Layout{"Differencing4K", DiskType::kDifferencing, 4096}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(VhdIo, RejectsOutOfRangeAndReadOnlyAccess) {
+    kxnative::MemoryFileSystem mem;
+    kx::vhd::CreateParams p;
+    p.size = 3 * kMiB;
+    std::unique_ptr<VhdDisk> disk;
+    ASSERT_EQ(VhdDisk::Create(mem, u"/d.vhd", p, &disk), 0u);
+    uint8_t buf[2 * kSector] = {};
+    const uint64_t n = disk->SectorCount();
+    for (auto [first, count] : std::vector<std::pair<uint64_t, uint32_t>>{{n, 1}, {n - 1, 2}, {~0ull, 2}, {1, ~0u}}) {
+        EXPECT_EQ(disk->Read(first, count, buf), kx::vhd::kInvalidParameter) << first;
+        EXPECT_EQ(disk->Write(first, count, buf), kx::vhd::kInvalidParameter) << first;
+    }
+    EXPECT_EQ(disk->Read(0, 1, nullptr), kx::vhd::kInvalidParameter);
+    EXPECT_EQ(disk->Read(n, 0, buf), 0u);
+    disk.reset();
+    EXPECT_EQ(mem.Get(u"/d.vhd").size(), 512u + 1024 + 512 + 512);  // nothing was allocated
+
+    std::unique_ptr<kx::vhd::PositionedFile> file;
+    ASSERT_EQ(mem.Open(u"/d.vhd", false, &file), 0u);
+    ASSERT_EQ(VhdDisk::Open(std::move(file), u"/d.vhd", false, mem, &disk), 0u);
+    EXPECT_EQ(disk->Write(0, 1, buf), kx::vhd::kAccessDenied);
+    EXPECT_EQ(disk->Flush(), 0u);
+}
+
+TEST(VhdIo, SignatureIsTheLittleEndianWordAt440) {
+    ScratchDir dir;
+    std::unique_ptr<VhdDisk> disk;
+    ASSERT_EQ(CreatePosix(dir / "p.vhd", DiskType::kDynamic, 4 * kMiB, &disk), 0u);
+    uint32_t sig = 1;
+    ASSERT_EQ(disk->Signature(&sig), 0u);
+    EXPECT_EQ(sig, 0u);
+    uint8_t mbr[kSector] = {};
+    mbr[440] = 0x12, mbr[441] = 0x34, mbr[442] = 0x56, mbr[443] = 0x78;
+    ASSERT_EQ(disk->Write(0, 1, mbr), 0u);
+    disk.reset();
+    ASSERT_EQ(CreatePosix(dir / "c.vhd", DiskType::kDifferencing, 0, &disk, dir / "p.vhd"), 0u);
+    ASSERT_EQ(disk->Signature(&sig), 0u);  // from the parent
+    EXPECT_EQ(sig, 0x78563412u);
+    EXPECT_EQ(disk->Signature(nullptr), kx::vhd::kInvalidParameter);
+}
+
+// The bitmap answer for [start, start + 8 * bytes), computed from the set of
+// sectors written to this file.
+void ExpectBitmap(VhdDisk& disk, const std::set<uint64_t>& present, bool all, uint64_t start, uint32_t bytes) {
+    Bytes bits(bytes + 4, 0xAA);
+    uint64_t aligned = 1, valid = 1;
+    ASSERT_EQ(disk.GetBitmap(start, bytes, &aligned, &valid, bits.data()), 0u);
+    ASSERT_EQ(aligned, start / 8 * 8);
+    const uint64_t total = disk.SectorCount();
+    ASSERT_EQ(valid, aligned >= total ? 0 : std::min<uint64_t>(8ull * bytes, total - aligned)) << start;
+    for (uint64_t i = 0; i < 8ull * bytes; ++i) {
+        const bool want = i < valid && (all || present.count(aligned + i));
+        ASSERT_EQ((bits[i / 8] >> (i % 8)) & 1, want ? 1 : 0) << "start " << start << " bit " << i;
+    }
+    for (uint32_t i = bytes; i < bytes + 4; ++i) ASSERT_EQ(bits[i], 0xAA) << "wrote past the buffer";
+}
+
+TEST(VhdBitmap, ReportsSectorsPresentInThisFileOnly) {
+    ScratchDir dir;
+    const uint32_t spb = 4096;
+    const uint64_t total = 3 * spb + 301;
+    std::unique_ptr<VhdDisk> disk;
+    Model model(total * kSector);
+    std::vector<uint64_t> starts = {0, 5, 8, 4090, 4095, 4096, 12287, total - 9, total - 1, total, total + 100};
+    std::vector<uint32_t> sizes = {0, 1, 2, 3, 512, 700, 2000};
+
+    ASSERT_EQ(CreatePosix(dir / "f.vhd", DiskType::kFixed, total * kSector, &disk), 0u);
+    for (uint64_t s : starts)
+        for (uint32_t b : sizes) ExpectBitmap(*disk, {}, true, s, b);
+
+    // Parent and child each hold their own sectors; the child reports its own.
+    ASSERT_EQ(CreatePosix(dir / "p.vhd", DiskType::kDynamic, total * kSector, &disk), 0u);
+    WriteBoth(*disk, model, 0, 64, 1);
+    WriteBoth(*disk, model, spb, 8, 1);
+    disk.reset();
+    ASSERT_EQ(CreatePosix(dir / "c.vhd", DiskType::kDifferencing, 0, &disk, dir / "p.vhd"), 0u);
+    for (uint64_t s : starts)
+        for (uint32_t b : sizes) ExpectBitmap(*disk, {}, false, s, b);
+    std::set<uint64_t> present;
+    for (auto [first, count] : EdgeWrites(spb, total)) {
+        WriteBoth(*disk, model, first, count, 2);
+        for (uint64_t i = first; i < first + count; ++i) present.insert(i);
+    }
+    ASSERT_EQ(OpenPosix(dir / "c.vhd", false, &disk), 0u);
+    for (uint64_t s : starts)
+        for (uint32_t b : sizes) ExpectBitmap(*disk, present, false, s, b);
+    EXPECT_EQ(ReadAll(*disk), model.data);
+
+    // On disk the block bitmap is most significant bit first: sectors 0, 3..7
+    // and 8..12 of block 0 are 0x9F 0xF8.
+    const Bytes raw = ReadFile(dir / "c.vhd");
+    const uint64_t table = GetBe(raw, 512 + 16, 8);
+    const uint64_t block0 = GetBe(raw, table, 4) * kSector;
+    EXPECT_EQ(raw.at(block0), 0x9F);
+    EXPECT_EQ(raw.at(block0 + 1), 0xF8);
+
+    uint64_t aligned, valid;
+    uint8_t byte;
+    EXPECT_EQ(disk->GetBitmap(0, 0, &aligned, &valid, nullptr), 0u);
+    EXPECT_EQ(valid, 0u);
+    EXPECT_EQ(disk->GetBitmap(0, 1, nullptr, &valid, &byte), kx::vhd::kInvalidParameter);
+    EXPECT_EQ(disk->GetBitmap(0, 1, &aligned, &valid, nullptr), kx::vhd::kInvalidParameter);
+}
+
+// A write that fails part-way, at any of its file writes, leaves an image
+// that opens and reads each sector as before or as after.
+TEST(VhdIo, FailedWritesLeaveAConsistentImage) {
+    const std::vector<std::pair<uint64_t, uint32_t>> writes = {{10, 4}, {4090, 12}, {20000, 3}, {12, 8}, {8200, 1}};
+    for (long allowed = 0;; ++allowed) {
+        kxnative::MemoryFileSystem mem;
+        kx::vhd::CreateParams p;
+        p.size = 12 * kMiB;
+        p.blockSize = 2 * kMiB;
+        std::unique_ptr<VhdDisk> disk;
+        ASSERT_EQ(VhdDisk::Create(mem, u"/d.vhd", p, &disk), 0u);
+        Model before(p.size), after(p.size);
+        mem.writesLeft = allowed;
+        size_t done = 0;
+        for (; done < writes.size(); ++done) {
+            auto [first, count] = writes[done];
+            Bytes buf(size_t{count} * kSector);
+            for (uint32_t i = 0; i < count; ++i) FillSector(7, first + i, &buf[size_t{i} * kSector]);
+            std::copy(buf.begin(), buf.end(), after.data.begin() + static_cast<ptrdiff_t>(first * kSector));
+            const Status s = disk->Write(first, count, buf.data());
+            if (s) {
+                ASSERT_EQ(s, kxnative::MemoryFileSystem::kIoFault);
+                break;
+            }
+            before.data = after.data;
+        }
+        mem.writesLeft = -1;
+        // The object that saw the failure and a fresh one agree.
+        uint8_t liveBits[64], bits[64];
+        uint64_t aligned, valid;
+        ASSERT_EQ(disk->GetBitmap(0, sizeof liveBits, &aligned, &valid, liveBits), 0u);
+        const Bytes live = ReadAll(*disk);
+        disk.reset();
+        std::unique_ptr<kx::vhd::PositionedFile> file;
+        ASSERT_EQ(mem.Open(u"/d.vhd", false, &file), 0u);
+        ASSERT_EQ(VhdDisk::Open(std::move(file), u"/d.vhd", false, mem, &disk), 0u) << allowed;
+        const Bytes got = ReadAll(*disk);
+        ASSERT_EQ(disk->GetBitmap(0, sizeof bits, &aligned, &valid, bits), 0u);
+        ASSERT_EQ(0, memcmp(bits, liveBits, sizeof bits)) << allowed;
+        ASSERT_EQ(got, live) << allowed;
+        for (size_t at = 0; at < got.size(); at += kSector) {
+            const bool asBefore = std::equal(&got[at], &got[at] + kSector, &before.data[at]);
+            const bool asAfter = std::equal(&got[at], &got[at] + kSector, &after.data[at]);
+            ASSERT_TRUE(asBefore || asAfter) << "allowed " << allowed << " sector " << at / kSector;
+        }
+        if (done == writes.size()) break;
+        ASSERT_LT(allowed, 200);
+    }
+}
+
+}  // namespace
+}  // namespace vhdtest

@@ -1,53 +1,86 @@
-// PLACEHOLDER: replaced by the real log facility.
+// The process-wide debug log: one Logger, made on first use and never taken
+// down, so that lines written while the process or the library shuts down
+// (static destructors, other threads) still find it.
 #include "log/debug_log.h"
 
-#include <cstdio>
 #include <cwchar>
+#include <new>
+
+#include "log/logger.h"
 
 namespace kx::log {
+
 namespace {
-std::wstring Path() {
-    wchar_t buf[MAX_PATH] = {};
-    DWORD size = sizeof buf;
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Veltrana\\Quillon\\Engine\\InstallPath", L"Path", RRF_RT_REG_SZ,
-                     nullptr, buf, &size) != 0)
-        return L"C:\\KestrixHA.Log";
-    std::wstring p = buf;
-    CreateDirectoryW((p + L"\\Logs").c_str(), nullptr);
-    return p + L"\\Logs\\KestrixHA.Log";
-}
-}  // namespace
-void WriteV(int level, DWORD error, const wchar_t* format, va_list args) noexcept {
-    if (level > 4) return;
-    wchar_t msg[1024];
-    _vsnwprintf(msg, 1023, format, args);
-    msg[1023] = 0;
-    wchar_t line[1200];
-    int n = _snwprintf(line, 1199, L"[2026/01/01 00:00:00:000   %02d   %05ld   %05ld             ] %s\r\n", level,
-                       GetCurrentProcessId(), GetCurrentThreadId(), msg);
-    HANDLE h = CreateFileW(Path().c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS,
-                           0, nullptr);
-    if (h == INVALID_HANDLE_VALUE) return;
-    LARGE_INTEGER sz{};
-    GetFileSizeEx(h, &sz);
-    DWORD w;
-    if (sz.QuadPart == 0) {
-        wchar_t bom = 0xFEFF;
-        WriteFile(h, &bom, 2, &w, nullptr);
+
+constexpr const wchar_t* kInstallPathKey = L"SOFTWARE\\Veltrana\\Quillon\\Engine\\InstallPath";
+
+INIT_ONCE g_once = INIT_ONCE_STATIC_INIT;
+alignas(Logger) unsigned char g_storage[sizeof(Logger)];
+Logger* g_logger = nullptr;
+wchar_t g_folder[kPathChars];
+
+// The install path as the rest of the library reads it, trailing
+// backslashes dropped (a drive root keeps its own).
+void ReadInstallPath(wchar_t (&path)[kPathChars]) noexcept {
+    DWORD size = sizeof path;
+    if (::RegGetValueW(HKEY_LOCAL_MACHINE, kInstallPathKey, L"Path", RRF_RT_REG_SZ, nullptr, path, &size) !=
+        ERROR_SUCCESS) {
+        path[0] = 0;
+        return;
     }
-    WriteFile(h, line, n * 2, &w, nullptr);
-    CloseHandle(h);
+    path[kPathChars - 1] = 0;
+    size_t n = wcslen(path);
+    while (n > 3 && path[n - 1] == L'\\') path[--n] = 0;
 }
+
+BOOL CALLBACK Make(PINIT_ONCE, PVOID, PVOID*) {
+    wchar_t install[kPathChars];
+    ReadInstallPath(install);
+    LogFolderFor(install, g_folder);
+    wchar_t stem[kPathChars];
+    _snwprintf(stem, kPathChars - 1, L"%s%s", g_folder, kModuleName);
+    stem[kPathChars - 1] = 0;
+    g_logger = new (g_storage) Logger(stem, kModuleName);
+    return TRUE;
+}
+
+Logger& Get() noexcept {
+    ::InitOnceExecuteOnce(&g_once, Make, nullptr, nullptr);
+    return *g_logger;
+}
+
+}  // namespace
+
+void WriteV(int level, DWORD error, const wchar_t* format, va_list args) noexcept {
+    const DWORD lastError = ::GetLastError();
+    Get().WriteV(level, error, format, args);
+    ::SetLastError(lastError);
+}
+
 void Write(int level, DWORD error, const wchar_t* format, ...) noexcept {
-    va_list a;
-    va_start(a, format);
-    WriteV(level, error, format, a);
-    va_end(a);
+    va_list args;
+    va_start(args, format);
+    WriteV(level, error, format, args);
+    va_end(args);
 }
-std::wstring CurrentFile() { return Path(); }
-std::wstring Folder() { return Path(); }
-int Threshold() noexcept { return 4; }
+
+std::wstring CurrentFile() {
+    wchar_t path[kPathChars];
+    Get().CurrentFile(path);
+    return path;
+}
+
+std::wstring Folder() {
+    Get();
+    std::wstring folder = g_folder;
+    if (folder.size() > 3 && folder.back() == L'\\') folder.pop_back();
+    return folder;
+}
+
+int Threshold() noexcept { return Get().Threshold(); }
+
 namespace testing {
-void SetRotationLimit(uint64_t) noexcept {}
+void SetRotationLimit(uint64_t bytes) noexcept { Get().SetRotationLimit(bytes); }
 }  // namespace testing
+
 }  // namespace kx::log

@@ -7,6 +7,7 @@
 #include <cwchar>
 #include <cwctype>
 
+#include "common/proc_address.h"
 #include "common/unique_resource.h"
 #include "common/wstring_format.h"
 #include "log/debug_log.h"
@@ -21,7 +22,7 @@ using CreateXmlReaderFn = HRESULT(WINAPI*)(REFIID, void**, IMalloc*);
 CreateXmlReaderFn XmlReaderFactory() {
     static CreateXmlReaderFn fn = [] {
         HMODULE dll = ::LoadLibraryW(L"xmllite.dll");
-        return dll ? reinterpret_cast<CreateXmlReaderFn>(::GetProcAddress(dll, "CreateXmlReader")) : nullptr;
+        return ProcAddress<CreateXmlReaderFn>(dll, "CreateXmlReader");
     }();
     return fn;
 }

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <mutex>
 
+#include "common/proc_address.h"
 #include "common/result_codes.h"
 #include "log/debug_log.h"
 #include "platform/builtin_session_lock.h"
@@ -30,8 +31,7 @@ CreateKbSessLockFn SessionManagerFactory() {
         Log(4, L"CreateKbSessLock: SessionManager.dll not loaded (%lu), built-in lock", ::GetLastError());
         return nullptr;
     }
-    auto fn = reinterpret_cast<CreateKbSessLockFn>(
-        reinterpret_cast<void*>(::GetProcAddress(dll, MAKEINTRESOURCEA(kFactoryOrdinal))));
+    auto fn = ProcAddress<CreateKbSessLockFn>(dll, MAKEINTRESOURCEA(kFactoryOrdinal));
     if (!fn) {
         LogErr(0, ::GetLastError(), L"CreateKbSessLock: SessionManager.dll has no ordinal %d, built-in lock",
                static_cast<int>(kFactoryOrdinal));

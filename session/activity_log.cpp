@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "common/proc_address.h"
+
 namespace kx::session {
 
 DWORD LockHolderMessage(int op) noexcept {
@@ -29,8 +31,8 @@ DWORD LockHolderMessage(int op) noexcept {
 
 ActivityLog::ActivityLog() noexcept : dll_(::LoadLibraryW(L"LogCore.dll")) {
     if (!dll_) return;
-    logActivity_ = reinterpret_cast<LogActivityFn>(::GetProcAddress(dll_.get(), "LogActivity"));
-    loadString_ = reinterpret_cast<JobLoadStringFn>(::GetProcAddress(dll_.get(), "JobLoadString"));
+    logActivity_ = ProcAddress<LogActivityFn>(dll_.get(), "LogActivity");
+    loadString_ = ProcAddress<JobLoadStringFn>(dll_.get(), "JobLoadString");
 }
 
 void ActivityLog::Report(DWORD message, DWORD code, const wchar_t* root, const wchar_t* file,

@@ -149,7 +149,7 @@ std::optional<LogLine> ParseLogLine(const std::wstring& raw) {
     wchar_t date[16] = {}, time[16] = {}, code[16] = {};
     int level = 0;
     unsigned long pid = 0, tid = 0;
-    int n = swscanf(inside.c_str(), L"%15s %15s %d %lu %lu %15s", date, time, &level, &pid, &tid, code);
+    int n = swscanf(inside.c_str(), L"%15ls %15ls %d %lu %lu %15ls", date, time, &level, &pid, &tid, code);
     if (n < 5) return std::nullopt;
     l.time = std::wstring(date) + L" " + time;
     l.level = level;
@@ -178,7 +178,7 @@ std::vector<std::wstring> ReadLogFileLines(const std::wstring& path) {
     return lines;
 }
 
-LogCursor::LogCursor() {
+LogCursor::LogCursor(Scope scope) : scope_(scope) {
     kx::Log(4, L"kxtest: log cursor");  // makes sure the file exists and is current
     file_ = kx::log::CurrentFile();
     offset_ = ReadBytes(file_).size();
@@ -186,6 +186,7 @@ LogCursor::LogCursor() {
 
 std::vector<LogLine> LogCursor::Lines() const {
     std::vector<LogLine> out;
+    const DWORD self = ::GetCurrentProcessId();
     auto take = [&](const std::wstring& file, uint64_t from) {
         const std::vector<uint8_t> bytes = ReadBytes(file);
         if (bytes.size() <= from) return;
@@ -193,7 +194,8 @@ std::vector<LogLine> LogCursor::Lines() const {
         std::wstring all(reinterpret_cast<const wchar_t*>(bytes.data() + from), (bytes.size() - from) / 2);
         size_t start = 0, end;
         while ((end = all.find(L"\r\n", start)) != std::wstring::npos) {
-            if (auto l = ParseLogLine(all.substr(start, end - start))) out.push_back(*l);
+            if (auto l = ParseLogLine(all.substr(start, end - start)))
+                if (scope_ == Scope::AllProcesses || l->pid == self) out.push_back(*l);
             start = end + 2;
         }
     };

@@ -76,9 +76,13 @@ std::vector<std::wstring> ReadLogFileLines(const std::wstring& path);
 // Reads the lines that the library's debug log gains after construction:
 // remembers the current log file and its size, and later returns what was
 // appended (following a rotation to newer files too).
+// The debug log from the moment of construction on. Test programs run side
+// by side and share the log, so by default only this process's lines count;
+// a test that checks what its child processes logged asks for all of them.
 class LogCursor {
 public:
-    LogCursor();
+    enum class Scope { ThisProcess, AllProcesses };
+    explicit LogCursor(Scope scope = Scope::ThisProcess);
     std::vector<LogLine> Lines() const;
     // Lines whose text contains `needle`.
     std::vector<LogLine> Matching(const std::wstring& needle) const;
@@ -87,6 +91,7 @@ public:
 private:
     std::wstring file_;
     uint64_t offset_ = 0;
+    Scope scope_;
 };
 
 // The registry key of the product's debug switches.

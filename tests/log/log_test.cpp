@@ -1,0 +1,357 @@
+// The debug log: several processes in one log across rotations, the header
+// and line format, thresholds from the registry and the shared settings, the
+// encoding of existing files, and writers that hang or die holding the file.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cwchar>
+#include <map>
+#include <optional>
+#include <regex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/unique_resource.h"
+#include "common/wstring_format.h"
+#include "kx_test.h"
+#include "kx_version.h"
+#include "log/debug_log.h"
+#include "log/logger.h"
+
+namespace {
+
+using kx::log::Logger;
+
+const wchar_t* const kTitle = L"[   Date        Time      Level  PID     TID   ErrCode    ] .......";
+// Time, level, pid, tid, code column (blank or 0X%08x), text.
+const std::wregex kLineRe(
+    L"\\[\\d{4}/\\d{2}/\\d{2} \\d{2}:\\d{2}:\\d{2}:\\d{3}   (\\d{2})   (\\d{5,})   (\\d{5,})   "
+    L"(0X[0-9a-f]{8}|          )\\] (.*)");
+
+// A module name no other test program uses, so that its shared threshold
+// is this run's alone.
+std::wstring Module(const wchar_t* what) {
+    return kx::Format(L"KxLogTest%s%lu", what, ::GetCurrentProcessId());
+}
+
+std::wstring ProductLine() {
+    std::wstring s = kx::Format(L"Product Info: %s %s Version[%d.%d.%d]", KX_COMPANY_NAME, KX_PRODUCT_NAME,
+                                KX_VERSION_MAJOR, KX_VERSION_MINOR, KX_VERSION_PATCH);
+    if (KX_UPDATE_NUMBER) s += kx::Format(L" (Update %d)", KX_UPDATE_NUMBER);
+    return s;
+}
+
+// The title line and the six prefixed summary lines at the start of a file.
+void ExpectHeader(const std::vector<std::wstring>& lines, int threshold) {
+    ASSERT_GE(lines.size(), 7u);
+    EXPECT_EQ(lines[0], kTitle);
+    const std::wstring texts[] = {
+        L"================ SUMMARY LOG =======================",
+        ProductLine(),
+        L"",  // OS line, below
+        L"Log level of each module can be controlled by registry key:",
+        L"[HKEY_LOCAL_MACHINE\\SOFTWARE\\Veltrana\\Quillon\\Engine\\Debug\\ModuleName:DWORD]",
+        L"=====================================================",
+    };
+    for (int i = 0; i < 6; ++i) {
+        std::wsmatch m;
+        ASSERT_TRUE(std::regex_match(lines[i + 1], m, kLineRe)) << kxtest::Narrow(lines[i + 1]);
+        EXPECT_EQ(std::stoi(m[1].str()), threshold);
+        EXPECT_EQ(m[4].str(), L"          ");
+        if (i == 2)
+            EXPECT_TRUE(std::regex_match(m[5].str(), std::wregex(L"OS      Info: Computer Name\\[[^\\]]+\\] "
+                                                                 L"Version\\[\\d+\\.\\d+\\] Platform\\[X64\\]")))
+                << kxtest::Narrow(m[5].str());
+        else
+            EXPECT_EQ(m[5].str(), texts[i]);
+    }
+}
+
+std::vector<std::wstring> Texts(const std::vector<std::wstring>& lines, size_t from) {
+    std::vector<std::wstring> out;
+    for (size_t i = from; i < lines.size(); ++i) {
+        auto l = kxtest::ParseLogLine(lines[i]);
+        out.push_back(l ? l->text : lines[i]);
+    }
+    return out;
+}
+
+}  // namespace
+
+// Four processes write 5,000 lines each into one log whose rotation size is
+// low enough for several rotations during the run.
+TEST(LogFile, FourProcessesShareOneLogAcrossRotations) {
+    constexpr int kWriters = 4;
+    constexpr int kLines = 5000;
+    constexpr uint64_t kLimit = 160 * 1024;
+    kxtest::ScratchDir dir;
+    const std::wstring stem = dir / L"Shared";
+    const std::wstring module = Module(L"Writer");
+    Logger holder(stem.c_str(), module.c_str());  // keeps the shared configuration alive for the run
+    holder.SetRotationLimit(kLimit);
+
+    const std::wstring goName = kx::Format(L"Local\\KxLogTestGo%lu", ::GetCurrentProcessId());
+    kx::unique_handle go(::CreateEventW(nullptr, TRUE, FALSE, goName.c_str()));
+    ASSERT_TRUE(go);
+    std::vector<kx::unique_handle> children;
+    for (int w = 0; w < kWriters; ++w) {
+        std::wstring cmd = kx::Format(L"\"%s\\log_writer_child.exe\" \"%s\" %s %d %d %llu %s", kxtest::BinDir().c_str(),
+                                      stem.c_str(), module.c_str(), w, kLines, kLimit, goName.c_str());
+        STARTUPINFOW si{};
+        si.cb = sizeof si;
+        PROCESS_INFORMATION pi{};
+        ASSERT_TRUE(::CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi));
+        ::CloseHandle(pi.hThread);
+        children.emplace_back(pi.hProcess);
+    }
+    ::SetEvent(go.get());
+    for (auto& c : children) {
+        ASSERT_EQ(::WaitForSingleObject(c.get(), 240000), WAIT_OBJECT_0);
+        DWORD code = 1;
+        ::GetExitCodeProcess(c.get(), &code);
+        EXPECT_EQ(code, 0u);
+    }
+
+    std::vector<std::wstring> files{stem + L".Log"};
+    while (kxtest::Exists(kx::Format(L"%s.%08d.log", stem.c_str(), static_cast<int>(files.size()))))
+        files.push_back(kx::Format(L"%s.%08d.log", stem.c_str(), static_cast<int>(files.size())));
+    ASSERT_GE(files.size(), 4u) << "the run should rotate several times";
+    wchar_t current[kx::log::kPathChars];
+    holder.CurrentFile(current);
+    EXPECT_EQ(files.back(), current);
+
+    std::map<int, std::set<int>> seen;
+    std::vector<int> last(kWriters, -1);
+    for (size_t f = 0; f < files.size(); ++f) {
+        SCOPED_TRACE(kxtest::Narrow(files[f]));
+        const auto bytes = kxtest::ReadBytes(files[f]);
+        ASSERT_GE(bytes.size(), 2u);
+        EXPECT_TRUE(bytes[0] == 0xFF && bytes[1] == 0xFE);
+        // Every writer moved on together: no file was left before it was full,
+        // and none grew by more than the one line that filled it.
+        if (f + 1 < files.size()) {
+            EXPECT_GE(bytes.size(), kLimit);
+            EXPECT_LT(bytes.size(), kLimit + 512);
+        }
+        const auto lines = kxtest::ReadLogFileLines(files[f]);
+        ExpectHeader(lines, kx::log::kDefaultThreshold);
+        for (size_t i = 7; i < lines.size(); ++i) {
+            std::wsmatch m;
+            ASSERT_TRUE(std::regex_match(lines[i], m, kLineRe)) << "torn line: " << kxtest::Narrow(lines[i]);
+            int w = -1, n = -1;
+            ASSERT_EQ(swscanf(m[5].str().c_str(), L"writer %d line %d", &w, &n), 2) << kxtest::Narrow(lines[i]);
+            ASSERT_TRUE(w >= 0 && w < kWriters && n >= 0 && n < kLines);
+            EXPECT_EQ(m[5].str(), kx::Format(L"writer %d line %06d %s", w, n,
+                                             std::wstring(static_cast<size_t>(n % 41), L'x').c_str()));
+            EXPECT_EQ(std::stoi(m[1].str()), 1 + n % 2);
+            EXPECT_EQ(m[4].str(), n % 5 == 0 ? kx::Format(L"0X%08x", 0x80070000u + n) : L"          ");
+            EXPECT_TRUE(seen[w].insert(n).second) << "line written twice: " << kxtest::Narrow(lines[i]);
+            EXPECT_GT(n, last[w]) << "a writer went back to an older file";
+            last[w] = n;
+        }
+    }
+    for (int w = 0; w < kWriters; ++w) EXPECT_EQ(seen[w].size(), static_cast<size_t>(kLines)) << "writer " << w;
+}
+
+TEST(LogFile, NewFileHasHeaderThenPrefixedLines) {
+    kxtest::ScratchDir dir;
+    const std::wstring module = Module(L"Format");
+    kxtest::RegValueOverride level(kxtest::kDebugKey, module, 4);
+    Logger log((dir / L"Fmt").c_str(), module.c_str());
+
+    ::SetLastError(1234);
+    log.Write(2, 0, L"plain %s %d", L"wide", 7);
+    EXPECT_EQ(::GetLastError(), 1234u) << "logging must leave the caller's error alone";
+    log.Write(0, 0x80070057, L"failed");
+    const std::wstring longText(3000, L'y');
+    log.Write(4, 0, L"%s", longText.c_str());
+
+    const auto lines = kxtest::ReadLogFileLines(dir / L"Fmt.Log");
+    ASSERT_EQ(lines.size(), 10u);
+    ExpectHeader(lines, 4);
+    std::wsmatch m;
+    ASSERT_TRUE(std::regex_match(lines[7], m, kLineRe));
+    EXPECT_EQ(m[1].str(), L"02");
+    EXPECT_EQ(std::stoul(m[2].str()), ::GetCurrentProcessId());
+    EXPECT_EQ(std::stoul(m[3].str()), ::GetCurrentThreadId());
+    EXPECT_EQ(m[5].str(), L"plain wide 7");
+    ASSERT_TRUE(std::regex_match(lines[8], m, kLineRe));
+    EXPECT_EQ(m[1].str(), L"00");
+    EXPECT_EQ(m[4].str(), L"0X80070057");
+    EXPECT_EQ(m[5].str(), L"failed");
+    EXPECT_EQ(kxtest::ParseLogLine(lines[9])->text, longText.substr(0, 1023));
+}
+
+// A new file (at most the byte-order mark) is Unicode with the header; an
+// existing one keeps its encoding and gets no header.
+TEST(LogFile, ExistingFileKeepsItsEncoding) {
+    kxtest::ScratchDir dir;
+    const std::wstring module = Module(L"Encoding");
+    kxtest::RegValueOverride level(kxtest::kDebugKey, module, 2);
+
+    kxtest::WriteText(dir / L"Narrow.Log", "old narrow line\r\n");
+    Logger narrow((dir / L"Narrow").c_str(), module.c_str());
+    narrow.Write(1, 5, L"appended %s", L"narrow");
+    const auto bytes = kxtest::ReadBytes(dir / L"Narrow.Log");
+    const std::string text(bytes.begin(), bytes.end());
+    EXPECT_EQ(text.rfind("old narrow line\r\n[", 0), 0u) << text;
+    const std::string added = text.substr(17);
+    EXPECT_TRUE(std::regex_match(added, std::regex("\\[[0-9/ :]{23}   01   \\d{5,}   \\d{5,}   0X00000005\\] "
+                                                   "appended narrow\r\n")))
+        << added;
+
+    const wchar_t unicode[] = L"\xFEFF[old] line\r\n";
+    kxtest::WriteBytes(dir / L"Wide.Log", unicode, sizeof unicode - sizeof(wchar_t));
+    Logger wide((dir / L"Wide").c_str(), module.c_str());
+    wide.Write(1, 0, L"appended wide");
+    EXPECT_EQ(Texts(kxtest::ReadLogFileLines(dir / L"Wide.Log"), 0),
+              (std::vector<std::wstring>{L"[old] line", L"appended wide"}));
+
+    const wchar_t mark = 0xFEFF;
+    kxtest::WriteBytes(dir / L"Mark.Log", &mark, sizeof mark);
+    Logger marked((dir / L"Mark").c_str(), module.c_str());
+    marked.Write(1, 0, L"after mark");
+    const auto lines = kxtest::ReadLogFileLines(dir / L"Mark.Log");
+    ExpectHeader(lines, 2);
+    EXPECT_EQ(Texts(lines, 7), std::vector<std::wstring>{L"after mark"});
+}
+
+// A module's DWORD sets its threshold and, through the shared settings, that
+// of every writer of the module; "DisableGlobalOption" keeps a module to its
+// own value.
+TEST(Thresholds, RegistryAndSharedSettings) {
+    kxtest::ScratchDir dir;
+    const std::wstring module = Module(L"Levels");
+    kxtest::RegValueOverride noList(kxtest::kDebugKey, L"DisableGlobalOption", nullptr);
+    kxtest::RegValueOverride value(kxtest::kDebugKey, module, nullptr);
+
+    Logger fresh((dir / L"Fresh").c_str(), Module(L"Unset").c_str());
+    EXPECT_EQ(fresh.Threshold(), kx::log::kDefaultThreshold);
+
+    std::optional<Logger> a;
+    {
+        kxtest::RegValueOverride three(kxtest::kDebugKey, module, 3);
+        a.emplace((dir / L"A").c_str(), module.c_str());
+    }
+    EXPECT_TRUE(a->Global());
+    EXPECT_EQ(a->Threshold(), 3);
+    a->Write(3, 0, L"a at 3");
+    a->Write(4, 0, L"a at 4");
+    {
+        kxtest::RegValueOverride one(kxtest::kDebugKey, module, 1);
+        Logger b((dir / L"B").c_str(), module.c_str());
+        EXPECT_EQ(b.Threshold(), 1);
+    }
+    EXPECT_EQ(a->Threshold(), 1) << "a later writer's registry value applies to running ones";
+    a->Write(2, 0, L"a at 2");
+    a->Write(1, 0, L"a at 1");
+    {
+        Logger c((dir / L"C").c_str(), module.c_str());
+        EXPECT_EQ(c.Threshold(), 1) << "without a DWORD the shared value stands";
+    }
+    {
+        kxtest::RegValueOverride list(kxtest::kDebugKey, L"DisableGlobalOption",
+                                      L"  Other\t" + kx::Format(L"kxlogtestlevels%lu", ::GetCurrentProcessId()) + L" Third");
+        kxtest::RegValueOverride four(kxtest::kDebugKey, module, 4);
+        Logger d((dir / L"D").c_str(), module.c_str());
+        EXPECT_FALSE(d.Global());
+        EXPECT_EQ(d.Threshold(), 4);
+    }
+    EXPECT_EQ(a->Threshold(), 1) << "a module off the shared settings must not change them";
+    EXPECT_EQ(Texts(kxtest::ReadLogFileLines(dir / L"A.Log"), 7),
+              (std::vector<std::wstring>{L"a at 3", L"a at 1"}));
+    a.reset();
+}
+
+namespace {
+std::atomic<int> g_traces{0};
+wchar_t g_lastTrace[1024];
+void RecordTrace(const wchar_t* text) {
+    wcsncpy(g_lastTrace, text, 1023);
+    ++g_traces;
+}
+}  // namespace
+
+// A writer that holds the file too long costs one line, not a hang; one
+// that dies holding it is taken over; a log that cannot be made is silent.
+TEST(LogFile, OtherWritersCannotHangTheCaller) {
+    kxtest::ScratchDir dir;
+    const std::wstring module = Module(L"Stuck");
+    kxtest::RegValueOverride level(kxtest::kDebugKey, module, 2);
+    Logger log((dir / L"Stuck").c_str(), module.c_str());
+    log.Write(1, 0, L"first");
+    wchar_t path[kx::log::kPathChars];
+    log.CurrentFile(path);
+    wchar_t name[8 + kx::log::kMutexPathChars + 1];
+    kx::log::FileMutexName(path, name);
+
+    std::thread([&] {
+        kx::unique_handle m(::OpenMutexW(SYNCHRONIZE, FALSE, name));
+        ASSERT_TRUE(m);
+        ASSERT_EQ(::WaitForSingleObject(m.get(), 1000), WAIT_OBJECT_0);  // and never released
+    }).join();
+    log.Write(1, 0, L"after a dead writer");
+
+    kx::unique_handle held(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    kx::unique_handle release(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    std::thread holder([&] {
+        kx::unique_handle m(::OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, name));
+        ::WaitForSingleObject(m.get(), 1000);
+        ::SetEvent(held.get());
+        ::WaitForSingleObject(release.get(), 60000);
+        ::ReleaseMutex(m.get());
+    });
+    ::WaitForSingleObject(held.get(), 10000);
+    kx::log::testing::SetTraceSink(RecordTrace);
+    const auto t0 = std::chrono::steady_clock::now();
+    log.Write(1, 0, L"while held");
+    const double waited = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    kx::log::testing::SetTraceSink(nullptr);
+    ::SetEvent(release.get());
+    holder.join();
+    log.Write(1, 0, L"after release");
+
+    EXPECT_GT(waited, 4.0);
+    EXPECT_LT(waited, 30.0);
+    EXPECT_EQ(g_traces.load(), 1);
+    EXPECT_NE(wcsstr(g_lastTrace, L"Failed to wait for mutex"), nullptr);
+    EXPECT_EQ(Texts(kxtest::ReadLogFileLines(path), 7),
+              (std::vector<std::wstring>{L"first", L"after a dead writer", L"after release"}));
+
+    // The log's folder would have to be made inside a file, or its path is
+    // too long for a log: lines are dropped quietly.
+    kxtest::WriteText(dir / L"plainfile", "x");
+    Logger blocked((dir / L"plainfile\\sub\\Blocked").c_str(), module.c_str());
+    Logger tooLong((dir / (std::wstring(600, L'z') + L"\\Long")).c_str(), module.c_str());
+    ::SetLastError(77);
+    blocked.Write(0, 0, L"lost");
+    tooLong.Write(0, 0, L"lost");
+    EXPECT_EQ(::GetLastError(), 77u);
+    EXPECT_FALSE(kxtest::Exists(dir / L"plainfile\\sub"));
+}
+
+TEST(DebugLog, LibraryLogUnderInstallPath) {
+    // The test programs register C:\KxTest\install with detail logging.
+    EXPECT_EQ(kx::log::Folder(), L"C:\\KxTest\\install\\Logs");
+    const std::wstring file = kx::log::CurrentFile();
+    EXPECT_EQ(file.rfind(L"C:\\KxTest\\install\\Logs\\KestrixHA.", 0), 0u) << kxtest::Narrow(file);
+    EXPECT_EQ(kx::log::Threshold(), 4);
+    kxtest::LogCursor cursor;
+    kx::LogErr(0, 5, L"debug log test %s", L"line");
+    const auto found = cursor.Matching(L"debug log test line");
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_NE(found[0].raw.find(L"   0X00000005] debug log test line"), std::wstring::npos);
+    EXPECT_EQ(found[0].pid, ::GetCurrentProcessId());
+
+    wchar_t folder[kx::log::kPathChars];
+    kx::log::LogFolderFor(L"D:\\Product", folder);
+    EXPECT_STREQ(folder, L"D:\\Product\\Logs\\");
+    kx::log::LogFolderFor(L"D:\\", folder);
+    EXPECT_STREQ(folder, L"D:\\Logs\\");
+    kx::log::LogFolderFor(nullptr, folder);
+    EXPECT_STREQ(folder, L"C:\\Log\\");  // the Windows drive
+}

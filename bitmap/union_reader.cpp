@@ -1,5 +1,7 @@
 #include "bitmap/union_reader.h"
 
+#include <emmintrin.h>
+
 #include <cstring>
 #include <new>
 
@@ -12,6 +14,21 @@
 #include "log/debug_log.h"
 
 namespace kx::bitmap {
+
+namespace {
+// out[i] |= in[i] for `bytes` bytes, sixteen at a time: the union's cost next
+// to the file reads it stands on.
+void OrInto(BYTE* out, const BYTE* in, size_t bytes) noexcept {
+    size_t i = 0;
+    for (; i + 64 <= bytes; i += 64)
+        for (size_t k = 0; k < 64; k += 16) {
+            const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(out + i + k));
+            const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i + k));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i + k), _mm_or_si128(a, b));
+        }
+    for (; i < bytes; ++i) out[i] |= in[i];
+}
+}  // namespace
 
 CDiskBmpReader_OR::CDiskBmpReader_OR(std::vector<IDiskBmpReader*> children) noexcept
     : children_(std::move(children)) {}
@@ -49,17 +66,17 @@ DWORD CDiskBmpReader_OR::GetBitmap(LONGLONG startingSector, LONG cbToRead, DiskB
                 return kE_OUTOFMEMORY;
             }
         }
-        std::memset(scratch_.get(), 0, static_cast<size_t>(capacity_) + 16);
+        // Only the record's counters need clearing: the child fills the bytes
+        // it reports, and no more of them are used.
         auto* part = reinterpret_cast<DiskBitmapBuffer*>(scratch_.get());
+        part->startingSector = 0;
+        part->sectorCount = 0;
         if (DWORD rc = children_[i]->GetBitmap(startingSector, cbToRead, part)) {
             Log(0, L"CDiskBmpReader_OR::the %d VHD (from 0), get bitmap failed, rc = %d", static_cast<int>(i), rc);
             return rc;
         }
         // A child that covers fewer sectors contributes only its valid bytes.
-        const size_t bytes = std::min(valid, static_cast<size_t>((part->sectorCount + 7) / 8));
-        BYTE* out = buffer->bitmap;
-        const BYTE* in = part->bitmap;
-        for (size_t b = 0; b < bytes; ++b) out[b] |= in[b];
+        OrInto(buffer->bitmap, part->bitmap, std::min(valid, static_cast<size_t>((part->sectorCount + 7) / 8)));
     }
     return 0;
 }

@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# Runs every benchmark of a build tree under Wine and prints what it reports.
+#   bash scripts/bench.sh [build]     (build folder, default "build")
+# Benchmarks print figures only; nothing here judges them.
+# The bitmap-file benchmark writes about 4.5 GB of disk images into
+# KX_BENCH_WORK (a temporary folder unless set; a kept folder is reused and
+# saves the 2 minutes of making them) and, as an outside reference, times
+# qemu-img reading the same images' allocation maps.
+set -euo pipefail
+build=${1:-build}
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+case "$build" in /*) ;; *) build="$PWD/$build" ;; esac
+export KX_WINEPREFIX="${KX_WINEPREFIX:-$build/wineprefix}"
+shopt -s nullglob
+benches=("$build"/bin/*_bench.exe)
+if [ ${#benches[@]} -eq 0 ]; then
+  echo "bench.sh: no *_bench.exe in $build/bin (build first)" >&2
+  exit 1
+fi
+work=${KX_BENCH_WORK:-}
+if [ -z "$work" ]; then
+  work=$(mktemp -d)
+  trap 'rm -rf "$work"' EXIT
+fi
+mkdir -p "$work"
+wine_work="Z:${work//\//\\}"
+
+qemu_reference() {
+  command -v qemu-img >/dev/null || return 0
+  local zek
+  for zek in "$work"/VStore/S0000000001/*.zek; do
+    local start ms
+    start=$(date +%s%N)
+    qemu-img map --output=json --image-opts "driver=vpc,force_size_calc=current_size,file.filename=$zek" >/dev/null
+    ms=$(( ($(date +%s%N) - start) / 1000000 ))
+    printf 'reference: qemu-img map of %s: %d.%03d s\n' "$(basename "$zek")" $((ms / 1000)) $((ms % 1000))
+  done
+}
+
+status=0
+for exe in "${benches[@]}"; do
+  name=$(basename "$exe" .exe)
+  echo "== $name"
+  args=()
+  [ "$name" = zek_bitmap_bench ] && args=("$wine_work" --keep)
+  if ! (cd "$build/bin" && "$here/wine-run.sh" "$exe" "${args[@]}" </dev/null) | tr -d '\r'; then
+    echo "bench.sh: $(basename "$exe") failed" >&2
+    status=1
+  fi
+  [ "$name" = zek_bitmap_bench ] && qemu_reference
+  echo
+done
+exit $status

@@ -1,0 +1,263 @@
+// Session bitmaps over destinations of real VHD disk files: preparation of
+// the new sessions, the bitmap files' contents against the sectors each
+// session wrote, the union of a chain, "LastSession.vsb", failures and the
+// clean-up exports.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+
+#include "KestrixHA/bitmap.h"
+#include "KestrixHA/bitmap_catalogue.h"
+#include "vhd_destination.h"
+
+using kxtest::ScratchDir;
+using kxtest::SectorBits;
+using kxtest::SessionName;
+using kxtest::VhdDestination;
+using Names = std::vector<std::wstring>;
+
+namespace {
+
+constexpr LONGLONG kSystemSectors = 40 * 2048 + 77;  // not a multiple of a block
+constexpr LONGLONG kDataSectors = 8 * 2048;
+constexpr LONGLONG kAddedSectors = 6 * 2048 + 8;
+
+struct ReaderDeleter {
+    void operator()(IDiskBmpReader* r) const { r->Release(); }
+};
+using Reader = std::unique_ptr<IDiskBmpReader, ReaderDeleter>;
+
+// Compares what a reader serves with `expected`: the whole disk in one
+// request, then random requests of 1 byte to 1 MiB from unaligned starts.
+void ExpectServes(IDiskBmpReader* reader, const SectorBits& expected, LONGLONG sectors, unsigned seed) {
+    LONGLONG total = 0;
+    ASSERT_EQ(reader->GetTotalSectors(&total), 0u);
+    ASSERT_EQ(total, sectors);
+    std::vector<uint8_t> storage(DiskBitmapBufferSize(1 << 20));
+    auto* buffer = reinterpret_cast<DiskBitmapBuffer*>(storage.data());
+    std::mt19937 rng(seed);
+    const LONG sizes[] = {1, 2, 3, 17, 512, 4093, 1 << 16, 1 << 20};
+    for (int i = 0; i < 40; ++i) {
+        const LONGLONG start = i == 0 ? 0 : static_cast<LONGLONG>(rng() % sectors);
+        const LONG bytes = i == 0 ? (1 << 20) : sizes[rng() % std::size(sizes)];
+        std::fill(storage.begin(), storage.end(), 0xCD);
+        ASSERT_EQ(reader->GetBitmap(start, bytes, buffer), 0u) << start << " " << bytes;
+        const LONGLONG aligned = start / 8 * 8;
+        ASSERT_EQ(buffer->startingSector, aligned);
+        ASSERT_EQ(buffer->sectorCount, std::min<LONGLONG>(LONGLONG{bytes} * 8, sectors - aligned));
+        for (LONGLONG s = aligned; s < aligned + buffer->sectorCount; ++s) {
+            const LONGLONG k = s - aligned;
+            const bool got = (buffer->bitmap[k / 8] >> (k % 8)) & 1;
+            const bool want = (expected[static_cast<size_t>(s / 8)] >> (s % 8)) & 1;
+            ASSERT_EQ(got, want) << "sector " << s << " of a request at " << start << " for " << bytes << " bytes";
+        }
+    }
+    EXPECT_EQ(reader->GetBitmap(sectors + 1, 1, buffer), 87u);
+}
+
+Reader OpenBitmap(const std::wstring& path) {
+    IDiskBmpReader* r = nullptr;
+    EXPECT_EQ(ReadDiskBitmap(path.c_str(), &r), 0u) << kxtest::Narrow(path);
+    return Reader(r);
+}
+
+Reader OpenUnion(const std::wstring& disk, DWORD lowest) {
+    IDiskBmpReader* r = nullptr;
+    EXPECT_EQ(GetBitmapReader_IncsFromFull(disk.c_str(), lowest, nullptr, &r), 0u) << kxtest::Narrow(disk);
+    return Reader(r);
+}
+
+Names Prepared(const std::wstring& bitmapRoot) {
+    Names names;
+    GetBitmapList4BackupDest(bitmapRoot.c_str(), names);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+Names FilesIn(const std::wstring& folder) {
+    Names names;
+    WIN32_FIND_DATAW fd;
+    HANDLE h = ::FindFirstFileW((folder + L"\\*").c_str(), &fd);
+    if (h == INVALID_HANDLE_VALUE) return names;
+    do
+        if (!(fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) names.push_back(fd.cFileName);
+    while (::FindNextFileW(h, &fd));
+    ::FindClose(h);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::string Text(const std::wstring& path) {
+    const auto b = kxtest::ReadBytes(path);
+    return std::string(b.begin(), b.end());
+}
+
+// The order in which the walk processed sessions, from the log.
+Names ProcessingOrder(const kxtest::LogCursor& log) {
+    Names order;
+    for (const auto& line : log.Matching(L"(): Processing session [")) {
+        const size_t open = line.text.rfind(L'[');
+        order.push_back(line.text.substr(open + 1, line.text.size() - open - 2));
+    }
+    return order;
+}
+
+// A destination in one root: two disks from the full session 1, incremental
+// sessions 2 to 4, a third disk added in session 3 (a full VHD there), and
+// session 5 still running.
+struct OneRoot {
+    ScratchDir dir;
+    VhdDestination dest{[this](unsigned) { return dir.path(); }};
+    VhdDestination::Disk* system = nullptr;
+    VhdDestination::Disk* data = nullptr;
+    VhdDestination::Disk* added = nullptr;
+
+    OneRoot() {
+        system = &dest.AddDisk(L"disk0000000001.zek", kSystemSectors, 1);
+        data = &dest.AddDisk(L"disk0000000002.zek", kDataSectors, 1);
+        added = &dest.AddDisk(L"disk0000000003.zek", kAddedSectors, 3);
+        dest.WriteSession(1, "Full");
+        for (unsigned n = 2; n <= 4; ++n) dest.WriteSession(n, "Incremental");
+        dest.WriteSession(5, "Incremental", "Active");
+    }
+    std::wstring Bitmaps(unsigned n) const { return dir.path() + L"\\VCM-bitmap\\" + SessionName(n); }
+};
+
+}  // namespace
+
+TEST(VhdDestination, PreparesNewSessionsNewestFirstWithTheWrittenSectors) {
+    OneRoot d;
+    kxtest::LogCursor log;
+    ASSERT_EQ(CreateBitmap4BackupDest(d.dir.path().c_str(), 0, nullptr), 0u);
+
+    EXPECT_EQ(ProcessingOrder(log), (Names{SessionName(4), SessionName(3), SessionName(2), SessionName(1)}));
+    EXPECT_TRUE(log.Contains(L"CreateBitmap4BackupDestEx() validate session(S0000000005) failed, just skip it."));
+    EXPECT_TRUE(log.Contains(L"No need to create Bitmap file for Full session [S0000000001]"));
+    EXPECT_EQ(Prepared(d.dir.path()), (Names{SessionName(1), SessionName(2), SessionName(3), SessionName(4)}));
+
+    // The full session keeps its description only; incremental sessions get
+    // one bitmap file per disk.
+    EXPECT_EQ(FilesIn(d.Bitmaps(1)), (Names{L"BackupInfo.XML", L"block0000000002.ctf"}));
+    EXPECT_EQ(FilesIn(d.Bitmaps(2)), (Names{L"BackupInfo.XML", L"block0000000002.ctf", L"disk0000000001.Bitmap",
+                                            L"disk0000000002.Bitmap"}));
+    EXPECT_EQ(FilesIn(d.Bitmaps(4)).size(), 5u);
+    for (unsigned n = 2; n <= 4; ++n)
+        for (auto* disk : {d.system, d.data, d.added}) {
+            if (n < disk->firstSession) continue;
+            SCOPED_TRACE(kxtest::Narrow(SessionName(n) + L"\\" + disk->file));
+            const std::wstring name = disk->file.substr(0, disk->file.size() - 3) + L"Bitmap";
+            Reader r = OpenBitmap(d.Bitmaps(n) + L"\\" + name);
+            ASSERT_TRUE(r);
+            ExpectServes(r.get(), disk->written.at(n), disk->sectors, n);
+        }
+
+    // A second run has nothing new to do and leaves what is there.
+    kxtest::LogCursor again;
+    ASSERT_EQ(CreateBitmap4BackupDest(d.dir.path().c_str(), 0, nullptr), 0u);
+    EXPECT_EQ(again.Matching(L"already has bitmap").size(), 4u);
+}
+
+TEST(VhdDestination, UnionReachesBackToTheLowestSessionOrTheFullDisk) {
+    OneRoot d;
+    ASSERT_EQ(CreateBitmap4BackupDest(d.dir.path().c_str(), 0, nullptr), 0u);
+
+    for (DWORD lowest : {2u, 3u, 4u}) {
+        SCOPED_TRACE(lowest);
+        Reader u = OpenUnion(d.dest.DiskPath(4, d.system->file), lowest);
+        ASSERT_TRUE(u);
+        ExpectServes(u.get(), d.dest.Union(*d.system, lowest, 4), kSystemSectors, 100 + lowest);
+    }
+    // The added disk was full in session 3: the walk ends there even when
+    // asked to go further.
+    kxtest::LogCursor log;
+    Reader added = OpenUnion(d.dest.DiskPath(4, d.added->file), 2);
+    ASSERT_TRUE(added);
+    ExpectServes(added.get(), d.dest.Union(*d.added, 3, 4), kAddedSectors, 7);
+    EXPECT_TRUE(log.Contains(L"GetBmpR_IncsFromFull, is full VHD before merged, sess = 3, disk = disk0000000003.zek"));
+
+    // The full session has no bitmap files: a walk that reaches it fails
+    // without a reader.
+    IDiskBmpReader* none = reinterpret_cast<IDiskBmpReader*>(1);
+    EXPECT_EQ(GetBitmapReader_IncsFromFull(d.dest.DiskPath(4, d.data->file).c_str(), 1, nullptr, &none), 2u);
+    EXPECT_EQ(none, nullptr);
+}
+
+TEST(VhdDestination, LastSessionMarkerBoundsTheWalk) {
+    OneRoot d;
+    ScratchDir bitmapRoot;
+    kxtest::MakeDirs(bitmapRoot / L"VCM-bitmap");
+    kxtest::WriteText(bitmapRoot / L"VCM-bitmap\\LastSession.vsb", "S0000000003");
+    kxtest::LogCursor log;
+    ASSERT_EQ(CreateBitmap4BackupDest(d.dir.path().c_str(), 0, bitmapRoot.path().c_str()), 0u);
+    EXPECT_EQ(ProcessingOrder(log), Names{SessionName(4)});
+    EXPECT_EQ(Prepared(bitmapRoot.path()), Names{SessionName(4)});
+    EXPECT_FALSE(kxtest::Exists(d.dir / L"VCM-bitmap\\S0000000004"));
+
+    // Marked at the newest session, nothing is prepared.
+    kxtest::WriteText(bitmapRoot / L"VCM-bitmap\\LastSession.vsb", "S0000000004");
+    ASSERT_EQ(DeleteSessionBitmap(bitmapRoot.path().c_str(), L"S0000000004"), 0u);
+    kxtest::LogCursor later;
+    ASSERT_EQ(CreateBitmap4BackupDest(d.dir.path().c_str(), 0, bitmapRoot.path().c_str()), 0u);
+    EXPECT_TRUE(ProcessingOrder(later).empty());
+    EXPECT_TRUE(Prepared(bitmapRoot.path()).empty());
+    EXPECT_EQ(Text(bitmapRoot / L"VCM-bitmap\\LastSession.vsb"), "S0000000004");
+}
+
+TEST(VhdDestination, ADamagedDiskFailsItsSessionAndKeepsTheNewerOnes) {
+    OneRoot d;
+    // An extra disk of session 3 whose footer and footer copy are both damaged.
+    const std::wstring bad = d.dest.SessionFolder(3) + L"\\disk0000000009.zek";
+    {
+        std::unique_ptr<kx::vdisk::IVDisk> vhd;
+        ASSERT_EQ(kx::vdisk::CreateVhd(bad.c_str(), kx::vdisk::kTypeDynamic, 4 << 20, nullptr, &vhd), 0u);
+    }
+    auto bytes = kxtest::ReadBytes(bad);
+    bytes[48] ^= 0x40;                 // current size in the copy at the start
+    bytes[bytes.size() - 512 + 48] ^= 0x40;  // and in the footer
+    kxtest::WriteBytes(bad, bytes.data(), bytes.size());
+
+    kxtest::LogCursor log;
+    EXPECT_EQ(CreateBitmap4BackupDest(d.dir.path().c_str(), 0, nullptr), 0xC03A0002u);
+    EXPECT_EQ(ProcessingOrder(log), (Names{SessionName(4), SessionName(3)}));
+    // The failed session's folder is gone; the newer session stays; the walk
+    // stopped before the older ones.
+    EXPECT_EQ(Prepared(d.dir.path()), Names{SessionName(4)});
+    EXPECT_EQ(FilesIn(d.Bitmaps(4)).size(), 5u);
+}
+
+TEST(VhdDestination, SpreadOverHeaderAndLeafRoots) {
+    ScratchDir header, leaf1, leaf2;
+    kxtest::WriteText(header / L"header_root.ini", "[LEAF COUNT]\r\nCount=2\r\n[LEAF LOCATION]\r\nLeaf0=" +
+                                                      kxtest::Narrow(leaf1.path()) + "\r\nLeaf1=" +
+                                                      kxtest::Narrow(leaf2.path()) + "\r\n");
+    for (auto* leaf : {&leaf1, &leaf2})
+        kxtest::WriteText(*leaf / L"leaf_root.ini", "[HEADER LOCATION]\r\nHeader=" + kxtest::Narrow(header.path()) + "\r\n");
+    // Sessions 1-2 in the header root, 3-4 in the first leaf, 5-6 in the second.
+    VhdDestination dest([&](unsigned n) { return n <= 2 ? header.path() : n <= 4 ? leaf1.path() : leaf2.path(); });
+    auto& disk = dest.AddDisk(L"disk0000000001.zek", kSystemSectors, 1);
+    dest.WriteSession(1, "Full");
+    for (unsigned n = 2; n <= 6; ++n) dest.WriteSession(n, "Incremental");
+    for (const auto* root : {&header, &leaf1, &leaf2})
+        ASSERT_EQ(CreateBitmap4BackupDest(root->path().c_str(), 0, nullptr), 0u);
+
+    Names all;
+    ASSERT_EQ(GetSessionBitmapList(leaf2.path().c_str(), all), 0u);
+    EXPECT_EQ(all.size(), 6u);
+    Reader u = OpenUnion(dest.DiskPath(6, disk.file), 2);
+    ASSERT_TRUE(u);
+    ExpectServes(u.get(), dest.Union(disk, 2, 6), kSystemSectors, 66);
+    u.reset();
+
+    // No full session after S0000000002: nothing is obsolete.
+    EXPECT_EQ(DetectAndRemoveObsolteBitmap(leaf2.path().c_str(), L"S0000000002", L"S0000000005"), 0u);
+    ASSERT_EQ(GetSessionBitmapList(leaf2.path().c_str(), all), 0u);
+    EXPECT_EQ(all.size(), 6u);
+    // The full session 1 inside the range: bitmaps up to the end go, in
+    // every root, and the end is marked as converted.
+    EXPECT_EQ(DetectAndRemoveObsolteBitmap(leaf2.path().c_str(), L"S0000000000", L"S0000000003"), 0u);
+    ASSERT_EQ(GetSessionBitmapList(leaf2.path().c_str(), all), 0u);
+    std::sort(all.begin(), all.end());
+    EXPECT_EQ(all, (Names{SessionName(4), SessionName(5), SessionName(6)}));
+    EXPECT_EQ(Text(leaf2 / L"VCM-bitmap\\LastSession.vsb"), "S0000000003");
+}

@@ -1,8 +1,19 @@
 #!/usr/bin/env bash
-# The main job on built-in data: runs the operator's tool under Wine.
+# The main job on built-in data: kxha demo writes a destination of six backup
+# sessions over three VHD-based disks into a new folder, prepares the session
+# bitmaps, locks the range, reads every disk's union bitmap and checks it
+# against the writes it made, then marks the range converted. Exits non-zero
+# on any failure or mismatch.
+# usage: demo.sh [BUILD_DIR]
 set -euo pipefail
 build=${1:-build}
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 kxha() { "$here/wine-run.sh" "$build/bin/kxha.exe" "$@"; }
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
 echo "== kxha version"; kxha version
-echo; echo "== kxha log --lines 12"; kxha log --lines 12
+echo; echo "== kxha demo Z:${work//\//\\}\\demo"
+kxha demo "Z:${work//\//\\}\\demo"
+echo; echo "== kxha log --lines 8"; kxha log --lines 8

@@ -7,4 +7,8 @@ export WINEPREFIX="${KX_WINEPREFIX:-$here/../build/wineprefix}"
 export WINEDEBUG=-all
 export WINEDLLOVERRIDES="mscoree,mshtml="
 "$here/wine-prefix.sh"
-exec wine "$@"
+# The 64-bit loader directly: Debian's "wine" wrapper warns about a missing
+# 32-bit Wine on every start, which would mix into the programs' output.
+loader=/usr/lib/wine/wine64
+[ -x "$loader" ] || loader=wine
+exec "$loader" "$@"

@@ -114,3 +114,21 @@ TEST(Kxha, LockMergesIntactAndVcm) {
     r = Kxha(L"vcm get");
     EXPECT_TRUE(Has(r, "Manual VCM:   on")) << r.out;
 }
+
+TEST(Kxha, DemoRunsTheWholeCycleAndEveryUnionMatchesItsWrites) {
+    ScratchDir d;
+    const std::wstring folder = d / L"demo";
+    Result r = Kxha(L"demo " + Q(folder) + L" --json");
+    ASSERT_EQ(r.code, 0u) << r.out;
+    EXPECT_TRUE(Has(r, "\"prepared\": 5, \"prepared_after_conversion\": 0")) << r.out;
+    EXPECT_TRUE(Has(r, "\"match\": true")) << r.out;
+    EXPECT_FALSE(Has(r, "\"changed_sectors\": 0,")) << r.out;
+    // The newest finished session is recorded as converted; the bitmaps are gone.
+    const std::vector<uint8_t> last = kxtest::ReadBytes(folder + L"\\destination\\VCM-bitmap\\LastSession.vsb");
+    EXPECT_EQ(std::string(last.begin(), last.end()), "S0000000005");
+
+    // A folder that already holds data is never written over.
+    r = Kxha(L"demo " + Q(folder));
+    EXPECT_EQ(r.code, 2u);
+    EXPECT_TRUE(Has(r, "is not empty")) << r.out;
+}

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "bitmap/zek_bitmap_writer.h"
+#include "common/file_offset.h"
 #include "common/unique_resource.h"
 #include "platform/vdisk.h"
 #include "platform/vhd/vhd_format.h"
@@ -47,17 +48,13 @@ double Now() {
 }
 
 bool ReadAt(HANDLE file, ULONGLONG offset, void* data, DWORD size) {
-    OVERLAPPED o{};
-    o.Offset = static_cast<DWORD>(offset);
-    o.OffsetHigh = static_cast<DWORD>(offset >> 32);
+    OVERLAPPED o = kx::AtOffset(offset);
     DWORD got = 0;
     return ::ReadFile(file, data, size, &got, &o) && got == size;
 }
 
 bool WriteAt(HANDLE file, ULONGLONG offset, const void* data, DWORD size) {
-    OVERLAPPED o{};
-    o.Offset = static_cast<DWORD>(offset);
-    o.OffsetHigh = static_cast<DWORD>(offset >> 32);
+    OVERLAPPED o = kx::AtOffset(offset);
     DWORD put = 0;
     return ::WriteFile(file, data, size, &put, &o) && put == size;
 }

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 
+#include "common/file_offset.h"
 #include "common/result_codes.h"
 #include "log/debug_log.h"
 
@@ -12,9 +13,7 @@ namespace kx::bitmap {
 namespace {
 // A read at a file offset; the file pointer plays no part.
 BOOL ReadAt(HANDLE file, ULONGLONG offset, void* data, DWORD size, DWORD* got) {
-    OVERLAPPED ov{};
-    ov.Offset = static_cast<DWORD>(offset);
-    ov.OffsetHigh = static_cast<DWORD>(offset >> 32);
+    OVERLAPPED ov = AtOffset(offset);
     *got = 0;
     if (::ReadFile(file, data, size, got, &ov)) return TRUE;
     return ::GetLastError() == ERROR_HANDLE_EOF ? TRUE : FALSE;

@@ -2,7 +2,6 @@
 
 #include <emmintrin.h>
 
-#include <cstring>
 #include <new>
 
 #include "bitmap/bitmap_catalogue.h"

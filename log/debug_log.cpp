@@ -7,36 +7,25 @@
 #include <new>
 
 #include "log/logger.h"
+#include "platform/backup_core.h"
 
 namespace kx::log {
 
 namespace {
-
-constexpr const wchar_t* kInstallPathKey = L"SOFTWARE\\Veltrana\\Quillon\\Engine\\InstallPath";
 
 INIT_ONCE g_once = INIT_ONCE_STATIC_INIT;
 alignas(Logger) unsigned char g_storage[sizeof(Logger)];
 Logger* g_logger = nullptr;
 wchar_t g_folder[kPathChars];
 
-// The install path as the rest of the library reads it, trailing
-// backslashes dropped (a drive root keeps its own).
-void ReadInstallPath(wchar_t (&path)[kPathChars]) noexcept {
-    DWORD size = sizeof path;
-    if (::RegGetValueW(HKEY_LOCAL_MACHINE, kInstallPathKey, L"Path", RRF_RT_REG_SZ, nullptr, path, &size) !=
-        ERROR_SUCCESS) {
-        path[0] = 0;
-        return;
-    }
-    path[kPathChars - 1] = 0;
-    size_t n = wcslen(path);
-    while (n > 3 && path[n - 1] == L'\\') path[--n] = 0;
-}
-
 BOOL CALLBACK Make(PINIT_ONCE, PVOID, PVOID*) {
-    wchar_t install[kPathChars];
-    ReadInstallPath(install);
-    LogFolderFor(install, g_folder);
+    std::wstring install;
+    try {
+        platform::GetZekInstallPath(install);
+    } catch (...) {
+        install.clear();  // out of memory: the folder without an install path
+    }
+    LogFolderFor(install.c_str(), g_folder);
     wchar_t stem[kPathChars];
     _snwprintf(stem, kPathChars - 1, L"%s%s", g_folder, kModuleName);
     stem[kPathChars - 1] = 0;
@@ -52,6 +41,8 @@ Logger& Get() noexcept {
 }  // namespace
 
 void WriteV(int level, DWORD error, const wchar_t* format, va_list args) noexcept {
+    // Making the logger on the first line touches the last-error value; the
+    // Logger keeps it for the lines after.
     const DWORD lastError = ::GetLastError();
     Get().WriteV(level, error, format, args);
     ::SetLastError(lastError);

@@ -6,6 +6,7 @@
 #include <cwchar>
 #include <cwctype>
 
+#include "common/file_offset.h"
 #include "log/debug_log.h"
 #include "log/log_trace.h"
 
@@ -85,13 +86,6 @@ void MakeParentFolders(const wchar_t* path) noexcept {
         *p = L'\\';
     }
     ::CreateDirectoryW(folder, nullptr);
-}
-
-OVERLAPPED At(uint64_t offset) noexcept {
-    OVERLAPPED ov{};
-    ov.Offset = static_cast<DWORD>(offset);
-    ov.OffsetHigh = static_cast<DWORD>(offset >> 32);
-    return ov;
 }
 
 }  // namespace
@@ -185,8 +179,7 @@ bool FileOutput::Open() noexcept {
     OpenToAll everyone;
     mutex_.reset(::CreateMutexW(everyone.get(), FALSE, name));
     if (!mutex_) {
-        Trace(L"[%d:%d] Failed to create mutex with name [%s]. ERR=%d\r\n", ::GetCurrentProcessId(),
-              ::GetCurrentThreadId(), name, ::GetLastError());
+        Trace(L"Failed to create mutex with name [%s]. ERR=%d\r\n", name, ::GetLastError());
         return false;
     }
     auto create = [&] {
@@ -199,8 +192,7 @@ bool FileOutput::Open() noexcept {
         file_.reset(create());
     }
     if (!file_) {
-        Trace(L"[%d:%d] Failed to create file [%s]. ERR=%d\r\n", ::GetCurrentProcessId(), ::GetCurrentThreadId(),
-              path_, ::GetLastError());
+        Trace(L"Failed to create file [%s]. ERR=%d\r\n", path_, ::GetLastError());
         mutex_.reset();
         return false;
     }
@@ -220,11 +212,10 @@ bool FileOutput::Put(const wchar_t* text, size_t chars, uint64_t* at) noexcept {
         data = narrow;
         bytes = static_cast<DWORD>(n);
     }
-    OVERLAPPED ov = At(*at);
+    OVERLAPPED ov = AtOffset(*at);
     DWORD written = 0;
     if (!::WriteFile(file_.get(), data, bytes, &written, &ov) || written != bytes) {
-        Trace(L"[%d:%d] Failed to Write log message. ERR=%d, [%d]File=%s\r\n", ::GetCurrentProcessId(),
-              ::GetCurrentThreadId(), ::GetLastError(), bytes, path_);
+        Trace(L"Failed to Write log message. ERR=%d, [%d]File=%s\r\n", ::GetLastError(), bytes, path_);
         return false;
     }
     *at += written;
@@ -268,14 +259,12 @@ void FileOutput::Write(int level, DWORD error, const wchar_t* message, int thres
         if (!file_ && !Open()) return;
         mutex_release lock = acquire_mutex(mutex_.get(), kFileWaitMs);
         if (!lock) {
-            Trace(L"[%d:%d] Failed to wait for mutex of file [%s]. ERR=%d\r\n", ::GetCurrentProcessId(),
-                  ::GetCurrentThreadId(), path_, ::GetLastError());
+            Trace(L"Failed to wait for mutex of file [%s]. ERR=%d\r\n", path_, ::GetLastError());
             return;
         }
         LARGE_INTEGER size{};
         if (!::GetFileSizeEx(file_.get(), &size)) {
-            Trace(L"[%d:%d] Failed to get size of file [%s]. ERR=%d\r\n", ::GetCurrentProcessId(),
-                  ::GetCurrentThreadId(), path_, ::GetLastError());
+            Trace(L"Failed to get size of file [%s]. ERR=%d\r\n", path_, ::GetLastError());
             return;
         }
         uint64_t at = static_cast<uint64_t>(size.QuadPart);
@@ -293,7 +282,7 @@ void FileOutput::Write(int level, DWORD error, const wchar_t* message, int thres
         } else if (encoding_ == Encoding::unknown) {
             unsigned char mark[2] = {};
             DWORD got = 0;
-            OVERLAPPED ov = At(0);
+            OVERLAPPED ov = AtOffset(0);
             ::ReadFile(file_.get(), mark, 2, &got, &ov);
             encoding_ = (got == 2 && mark[0] == 0xFF && mark[1] == 0xFE) ? Encoding::unicode : Encoding::narrow;
         }

@@ -7,9 +7,8 @@
 namespace kx::log {
 
 struct HostInfo {
-    // From the version resource of the module that holds the log code (the
-    // DLL, or a program that links the library statically); the library's
-    // own build constants when that module carries no version resource.
+    // The library's build constants, the same ones its version resource is
+    // made from.
     wchar_t maker[64] = {};
     wchar_t product[64] = {};
     int major = 0, minor = 0, build = 0;

@@ -16,9 +16,10 @@ void Trace(const wchar_t* format, ...) noexcept {
     const testing::TraceSink sink = g_sink.load();
     if (!sink) return;
     wchar_t text[1024];
+    const int prefix = _snwprintf(text, 1023, L"[%lu:%lu] ", ::GetCurrentProcessId(), ::GetCurrentThreadId());
     va_list args;
     va_start(args, format);
-    _vsnwprintf(text, 1023, format, args);
+    _vsnwprintf(text + prefix, 1023 - prefix, format, args);
     va_end(args);
     text[1023] = 0;
     sink(text);

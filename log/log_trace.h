@@ -6,6 +6,7 @@
 
 namespace kx::log {
 
+// Formats one report, prefixed with "[process id:thread id] ".
 void Trace(const wchar_t* format, ...) noexcept;
 
 }  // namespace kx::log

@@ -38,8 +38,7 @@ void SharedConfig::Open(int index) noexcept {
     mutex_.reset(::CreateMutexW(everyone.get(), FALSE, name));
     if (!mutex_) mutex_.reset(::OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, name));
     if (!mutex_) {
-        Trace(L"[%d:%d] Failed to create mutex with name [%s]. ERR=%d\r\n", ::GetCurrentProcessId(),
-              ::GetCurrentThreadId(), name, ::GetLastError());
+        Trace(L"Failed to create mutex with name [%s]. ERR=%d\r\n", name, ::GetLastError());
         return;
     }
     // Creation and initialisation happen under the mutex, so that nobody maps
@@ -58,15 +57,13 @@ void SharedConfig::Open(int index) noexcept {
         err = ::GetLastError();
     }
     if (!section_) {
-        Trace(L"[%d:%d] Failed to create shared memory [%s]. ERR=%d\r\n", ::GetCurrentProcessId(),
-              ::GetCurrentThreadId(), name, err);
+        Trace(L"Failed to create shared memory [%s]. ERR=%d\r\n", name, err);
         return;
     }
     const bool created = err != ERROR_ALREADY_EXISTS;
     view_.reset(::MapViewOfFile(section_.get(), FILE_MAP_ALL_ACCESS, 0, 0, kSharedSize));
     if (!view_) {
-        Trace(L"[%d:%d] Failed to map shared memory [%s]. ERR=%d\r\n", ::GetCurrentProcessId(),
-              ::GetCurrentThreadId(), name, ::GetLastError());
+        Trace(L"Failed to map shared memory [%s]. ERR=%d\r\n", name, ::GetLastError());
         return;
     }
     uint8_t* base = static_cast<uint8_t*>(view_.get());
@@ -77,7 +74,7 @@ void SharedConfig::Open(int index) noexcept {
         LastUsed(base) = -1;
         for (size_t i = 0; i < kSharedEntryCount; ++i) Entry(base, i)->free = 1;
     } else if (Word(base, 0) != kSharedGuard || Word(base, kSharedSize - 4) != kSharedGuard) {
-        Trace(L"[%d:%d] Shared memory [%s] is damaged.\r\n", ::GetCurrentProcessId(), ::GetCurrentThreadId(), name);
+        Trace(L"Shared memory [%s] is damaged.\r\n", name);
         return;
     }
     base_ = base;
@@ -86,8 +83,7 @@ void SharedConfig::Open(int index) noexcept {
 mutex_release SharedConfig::Lock() const noexcept {
     mutex_release lock = acquire_mutex(mutex_.get(), kSharedWaitMs);
     if (!lock && mutex_)
-        Trace(L"[%d:%d] Failed to wait for the log configuration mutex. ERR=%d\r\n", ::GetCurrentProcessId(),
-              ::GetCurrentThreadId(), ::GetLastError());
+        Trace(L"Failed to wait for the log configuration mutex. ERR=%d\r\n", ::GetLastError());
     return lock;
 }
 

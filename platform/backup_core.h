@@ -38,7 +38,9 @@ DWORD EnumerateSessions(const std::wstring& root, std::vector<DWORD>& sessions);
 DWORD QueryKbSessRootByNum(const std::wstring& path, DWORD session, std::wstring& sessionRoot);
 
 // The product's install folder: value "Path" of
-// HKLM\SOFTWARE\Veltrana\Quillon\Engine\InstallPath.
+// HKLM\SOFTWARE\Veltrana\Quillon\Engine\InstallPath, trailing backslashes
+// dropped (a drive root keeps its own). Writes no log line: the debug log
+// reads it to find its own folder.
 DWORD GetZekInstallPath(std::wstring& path);
 
 // Bytes of all files below a folder.

@@ -6,6 +6,7 @@
 #include <new>
 
 #include "common/dest_layout.h"
+#include "common/file_offset.h"
 #include "common/result_codes.h"
 #include "common/unique_resource.h"
 #include "common/wstring_format.h"
@@ -168,12 +169,7 @@ HANDLE OpenForReading(const std::wstring& path) {
                          FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
-OVERLAPPED MarkerPosition() {
-    OVERLAPPED ov{};
-    ov.Offset = static_cast<DWORD>(kHeldMarkerOffset);
-    ov.OffsetHigh = static_cast<DWORD>(kHeldMarkerOffset >> 32);
-    return ov;
-}
+OVERLAPPED MarkerPosition() { return AtOffset(kHeldMarkerOffset); }
 
 // True when somebody holds the file `read` was opened on.
 bool IsHeld(HANDLE read) {

@@ -3,18 +3,13 @@
 #include <algorithm>
 #include <vector>
 
+#include "common/file_offset.h"
+
 namespace kx::vdisk {
 namespace {
 
 // ReadFile and WriteFile move at most this much per call.
 constexpr size_t kMaxTransfer = 1u << 30;
-
-OVERLAPPED At(uint64_t offset) {
-    OVERLAPPED o{};
-    o.Offset = static_cast<DWORD>(offset);
-    o.OffsetHigh = static_cast<DWORD>(offset >> 32);
-    return o;
-}
 
 }  // namespace
 
@@ -22,7 +17,7 @@ vhd::Status Win32PositionedFile::ReadAt(uint64_t offset, void* data, size_t byte
     auto* p = static_cast<BYTE*>(data);
     while (bytes) {
         const DWORD chunk = static_cast<DWORD>(std::min(bytes, kMaxTransfer));
-        OVERLAPPED o = At(offset);
+        OVERLAPPED o = AtOffset(offset);
         DWORD done = 0;
         if (!::ReadFile(file_.get(), p, chunk, &done, &o)) {
             const DWORD e = ::GetLastError();
@@ -38,7 +33,7 @@ vhd::Status Win32PositionedFile::WriteAt(uint64_t offset, const void* data, size
     auto* p = static_cast<const BYTE*>(data);
     while (bytes) {
         const DWORD chunk = static_cast<DWORD>(std::min(bytes, kMaxTransfer));
-        OVERLAPPED o = At(offset);
+        OVERLAPPED o = AtOffset(offset);
         DWORD done = 0;
         if (!::WriteFile(file_.get(), p, chunk, &done, &o)) return ::GetLastError();
         if (done == 0) return ERROR_WRITE_FAULT;

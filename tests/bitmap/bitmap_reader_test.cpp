@@ -11,10 +11,7 @@ using kxtest::ScratchDir;
 
 namespace {
 
-struct ReaderDeleter {
-    void operator()(IDiskBmpReader* r) const { r->Release(); }
-};
-using Reader = std::unique_ptr<IDiskBmpReader, ReaderDeleter>;
+using kxtest::Reader;
 
 Reader Open(const std::wstring& path, DWORD* rc) {
     kx::bitmap::CDiskBmpFileRD* r = nullptr;

@@ -2,13 +2,28 @@
 #pragma once
 
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "KestrixHA/bitmap.h"
 #include "bitmap/bitmap_file_format.h"
 #include "kx_test.h"
 
 namespace kxtest {
+
+// "S" and the session number in ten digits, as session folders are named.
+inline std::wstring SessionName(unsigned n) {
+    wchar_t b[16];
+    _snwprintf(b, 16, L"S%010u", n);
+    return b;
+}
+
+// A bitmap reader released when it goes out of scope.
+struct ReaderRelease {
+    void operator()(IDiskBmpReader* r) const { r->Release(); }
+};
+using Reader = std::unique_ptr<IDiskBmpReader, ReaderRelease>;
 
 inline void WriteBitmapFile(const std::wstring& path, int64_t totalSectors, const std::vector<uint8_t>& body,
                             uint32_t differencing = 1) {

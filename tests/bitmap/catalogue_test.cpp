@@ -15,11 +15,7 @@ using Names = std::vector<std::wstring>;
 
 namespace {
 
-std::wstring S(unsigned n) {
-    wchar_t b[16];
-    _snwprintf(b, 16, L"S%010u", n);
-    return b;
-}
+std::wstring S(unsigned n) { return kxtest::SessionName(n); }
 
 // A destination with prepared folders for `sessions` (and their sessions).
 void Prepare(const std::wstring& root, std::initializer_list<unsigned> sessions) {
@@ -172,7 +168,7 @@ TEST(UnionReader, OrsTheChainBackToTheFullDiskForAnyRange) {
 
     IDiskBmpReader* r = nullptr;
     ASSERT_EQ(GetBitmapReader_IncsFromFull(c.Disk(5).c_str(), 1, nullptr, &r), 0u);
-    std::unique_ptr<IDiskBmpReader, void (*)(IDiskBmpReader*)> reader(r, [](IDiskBmpReader* p) { p->Release(); });
+    kxtest::Reader reader(r);
     LONGLONG t = 0;
     ASSERT_EQ(r->GetTotalSectors(&t), 0u);
     EXPECT_EQ(t, total);

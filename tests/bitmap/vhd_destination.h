@@ -22,12 +22,6 @@ namespace kxtest {
 
 inline constexpr LONGLONG kVhdBlockSectors = 4096;  // 2 MiB blocks
 
-inline std::wstring SessionName(unsigned n) {
-    wchar_t b[16];
-    _snwprintf(b, 16, L"S%010u", n);
-    return b;
-}
-
 // Sector s is bit s % 8 of byte s / 8.
 using SectorBits = std::vector<uint8_t>;
 

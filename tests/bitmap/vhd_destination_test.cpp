@@ -9,8 +9,10 @@
 
 #include "KestrixHA/bitmap.h"
 #include "KestrixHA/bitmap_catalogue.h"
+#include "common/unique_resource.h"
 #include "vhd_destination.h"
 
+using kxtest::Reader;
 using kxtest::ScratchDir;
 using kxtest::SectorBits;
 using kxtest::SessionName;
@@ -22,11 +24,6 @@ namespace {
 constexpr LONGLONG kSystemSectors = 40 * 2048 + 77;  // not a multiple of a block
 constexpr LONGLONG kDataSectors = 8 * 2048;
 constexpr LONGLONG kAddedSectors = 6 * 2048 + 8;
-
-struct ReaderDeleter {
-    void operator()(IDiskBmpReader* r) const { r->Release(); }
-};
-using Reader = std::unique_ptr<IDiskBmpReader, ReaderDeleter>;
 
 // Compares what a reader serves with `expected`: the whole disk in one
 // request, then random requests of 1 byte to 1 MiB from unaligned starts.
@@ -78,12 +75,11 @@ Names Prepared(const std::wstring& bitmapRoot) {
 Names FilesIn(const std::wstring& folder) {
     Names names;
     WIN32_FIND_DATAW fd;
-    HANDLE h = ::FindFirstFileW((folder + L"\\*").c_str(), &fd);
-    if (h == INVALID_HANDLE_VALUE) return names;
+    kx::unique_hfind find(::FindFirstFileW((folder + L"\\*").c_str(), &fd));
+    if (!find) return names;
     do
         if (!(fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) names.push_back(fd.cFileName);
-    while (::FindNextFileW(h, &fd));
-    ::FindClose(h);
+    while (::FindNextFileW(find.get(), &fd));
     std::sort(names.begin(), names.end());
     return names;
 }

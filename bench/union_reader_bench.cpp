@@ -105,7 +105,7 @@ int wmain(int argc, wchar_t** argv) {
     IDiskBmpReader* reader = nullptr;
     wchar_t disk[64];
     _snwprintf(disk, 64, L"\\VStore\\S%010d\\disk0000000001.zek", kChain);
-    if (DWORD rc = kx::bitmap::GetBitmapReaderIncsFromFullImpl((root + disk).c_str(), 1, &reader))
+    if (DWORD rc = kx::bitmap::GetBitmapReader_IncsFromFull((root + disk).c_str(), 1, &reader))
         return std::printf("GetBitmapReader_IncsFromFull failed, rc = %lu\n", rc), 1;
 
     std::vector<BYTE> buf(kRequest), raw(DiskBitmapBufferSize(kRequest));

@@ -201,7 +201,7 @@ void MakeFullyAllocated(const std::wstring& path) {
 
 double TimeWriter(const std::wstring& session, const std::wstring& target, const wchar_t* file) {
     const double t0 = Now();
-    if (DWORD rc = kx::bitmap::CreateBitmap4ZekFileImpl(session.c_str(), target.c_str(), file, 0))
+    if (DWORD rc = kx::bitmap::CreateBitmap4ZekFile(session.c_str(), target.c_str(), file, 0))
         Fail("CreateBitmap4ZekFile", rc);
     return Now() - t0;
 }

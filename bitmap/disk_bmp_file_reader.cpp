@@ -6,7 +6,7 @@
 
 #include "common/file_offset.h"
 #include "common/result_codes.h"
-#include "log/debug_log.h"
+#include "log/call_frame.h"
 
 namespace kx::bitmap {
 
@@ -90,24 +90,31 @@ DWORD CDiskBmpFileRD::GetTotalSectors(LONGLONG* totalSectors) {
     return 0;
 }
 
-DWORD OpenBitmapReader(const wchar_t* path, CDiskBmpFileRD** reader) {
-    *reader = nullptr;
-    auto* r = new (std::nothrow) CDiskBmpFileRD();
+DWORD OpenBitmapReader(const wchar_t* path, BitmapFileReaderPtr& reader) {
+    BitmapFileReaderPtr r(new (std::nothrow) CDiskBmpFileRD());
+    reader.reset();
     if (!r) return kFailNoCode;
-    if (DWORD rc = r->Init(path)) {
-        r->Release();
-        return rc;
-    }
-    *reader = r;
+    if (DWORD rc = r->Init(path)) return rc;
+    reader = std::move(r);
     return 0;
 }
 
+DWORD ReadDiskBitmap(const wchar_t* path, IDiskBmpReader** reader) {
+    return RunExport<kReadDiskBitmap>([&](auto& frame) -> DWORD {
+        if (IsNullOrEmpty(path) || !reader) return frame.InvalidParameter();
+        *reader = nullptr;
+        BitmapFileReaderPtr r;
+        const DWORD rc = OpenBitmapReader(path, r);
+        *reader = r.release();
+        return rc;
+    });
+}
+
 DWORD ReadBitmapHeader(const wchar_t* path, BitmapFileHeader* header) {
-    if (!path || !*path) return kE_INVALIDARG;
-    CDiskBmpFileRD* r = nullptr;
-    if (DWORD rc = OpenBitmapReader(path, &r)) return rc;
+    if (IsNullOrEmpty(path)) return kE_INVALIDARG;
+    BitmapFileReaderPtr r;
+    if (DWORD rc = OpenBitmapReader(path, r)) return rc;
     *header = r->Header();
-    r->Release();
     return 0;
 }
 

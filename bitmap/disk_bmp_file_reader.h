@@ -31,11 +31,17 @@ private:
     BitmapFileHeader header_;
 };
 
-// Opens a bitmap file as a reader (what the export ReadDiskBitmap does).
-// *reader is null on failure.
-DWORD OpenBitmapReader(const wchar_t* path, CDiskBmpFileRD** reader);
+using BitmapFileReaderPtr = unique_released<CDiskBmpFileRD>;
+
+// Opens a bitmap file as a reader; empty on failure. 0xFFFFFFFF when the
+// object cannot be made, else the code of Init.
+[[nodiscard]] DWORD OpenBitmapReader(const wchar_t* path, BitmapFileReaderPtr& reader);
+
+// The export ReadDiskBitmap: E_INVALIDARG for an empty path or a null out
+// pointer; *reader is null on failure.
+[[nodiscard]] DWORD ReadDiskBitmap(const wchar_t* path, IDiskBmpReader** reader);
 
 // Reads just the header of a bitmap file.
-DWORD ReadBitmapHeader(const wchar_t* path, BitmapFileHeader* header);
+[[nodiscard]] DWORD ReadBitmapHeader(const wchar_t* path, BitmapFileHeader* header);
 
 }  // namespace kx::bitmap

@@ -10,7 +10,7 @@
 #include "common/result_codes.h"
 #include "common/unique_resource.h"
 #include "common/wstring_format.h"
-#include "log/debug_log.h"
+#include "log/call_frame.h"
 
 namespace kx::bitmap {
 
@@ -29,12 +29,7 @@ void OrInto(BYTE* out, const BYTE* in, size_t bytes) noexcept {
 }
 }  // namespace
 
-CDiskBmpReader_OR::CDiskBmpReader_OR(std::vector<IDiskBmpReader*> children) noexcept
-    : children_(std::move(children)) {}
-
-CDiskBmpReader_OR::~CDiskBmpReader_OR() {
-    for (IDiskBmpReader* c : children_) c->Release();
-}
+CDiskBmpReader_OR::CDiskBmpReader_OR(std::vector<Child> children) noexcept : children_(std::move(children)) {}
 
 DWORD CDiskBmpReader_OR::Release() {
     delete this;
@@ -94,16 +89,8 @@ std::wstring FindBmpPathByVhdName(const std::vector<std::wstring>& bitmaps, cons
 }
 
 namespace {
-// Readers handed to the union, released on the way out unless handed on.
-struct ReaderChain {
-    std::vector<IDiskBmpReader*> readers;
-    ~ReaderChain() {
-        for (IDiskBmpReader* r : readers) r->Release();
-    }
-};
-}  // namespace
 
-DWORD GetBitmapReaderIncsFromFullImpl(const wchar_t* diskPath, DWORD lowestSession, IDiskBmpReader** reader) {
+DWORD IncsFromFull(const wchar_t* diskPath, DWORD lowestSession, IDiskBmpReader** reader) {
     const std::wstring path = diskPath;
     const size_t slash = path.rfind(L'\\');
     if (slash == std::wstring::npos) return kE_INVALIDARG;
@@ -116,11 +103,11 @@ DWORD GetBitmapReaderIncsFromFullImpl(const wchar_t* diskPath, DWORD lowestSessi
         return ERROR_BAD_PATHNAME;
     }
 
-    ReaderChain chain;
+    std::vector<CDiskBmpReader_OR::Child> chain;
     for (DWORD s = session;; --s) {
-        const std::wstring name = Format(L"S%010u", s);
+        const std::wstring name = SessionFolderName(s);
         std::vector<std::wstring> bitmaps;
-        if (DWORD rc = GetBitmapDiskListImpl(root.c_str(), name.c_str(), bitmaps)) {
+        if (DWORD rc = GetBitmapDiskList(root.c_str(), name.c_str(), bitmaps)) {
             Log(0, L"GetBmpR_IncsFromFull, Get bitmap list failed, root = %s, sessName = %s, rc = %d\n", root.c_str(),
                 name.c_str(), rc);
             return rc;
@@ -140,12 +127,12 @@ DWORD GetBitmapReaderIncsFromFullImpl(const wchar_t* diskPath, DWORD lowestSessi
                 Log(0, L"GetBmpR_IncsFromFull, CheckIfFullVhdBeforeMerged failed, rc = %d, bmp = %d", rc, s);
                 return rc;
             }
-            CDiskBmpFileRD* r = nullptr;
-            if (DWORD rc = OpenBitmapReader(bmp.c_str(), &r)) {
+            BitmapFileReaderPtr r;
+            if (DWORD rc = OpenBitmapReader(bmp.c_str(), r)) {
                 Log(0, L"GetBmpR_IncsFromFull, Create BmpReader failed, path = %s, rc = %d", bmp.c_str(), rc);
                 return rc;
             }
-            chain.readers.push_back(r);
+            chain.emplace_back(r.release());
             if (header.differencing == 0) {
                 Log(2, L"GetBmpR_IncsFromFull, is full VHD before merged, sess = %d, disk = %s", s, diskFile.c_str());
                 break;
@@ -153,18 +140,26 @@ DWORD GetBitmapReaderIncsFromFullImpl(const wchar_t* diskPath, DWORD lowestSessi
         }
         if (s <= lowestSession || s == 0) break;
     }
-    if (chain.readers.empty()) {
+    if (chain.empty()) {
         Log(0, L"GetBmpR_IncsFromFull, no bitmap of disk %s between sessions %u and %u", diskFile.c_str(),
             lowestSession, session);
         return ERROR_FILE_NOT_FOUND;
     }
-    // When the allocation fails the children were not handed on: the chain
-    // still owns and releases them.
-    auto* u = new (std::nothrow) CDiskBmpReader_OR(std::move(chain.readers));
+    // When the allocation fails the chain still owns and releases the children.
+    auto* u = new (std::nothrow) CDiskBmpReader_OR(std::move(chain));
     if (!u) return kE_OUTOFMEMORY;
-    chain.readers.clear();
     *reader = u;
     return 0;
+}
+
+}  // namespace
+
+DWORD GetBitmapReader_IncsFromFull(const wchar_t* diskPath, DWORD lowestSession, IDiskBmpReader** reader) {
+    return RunExport<kGetBitmapReader_IncsFromFull>([&](auto& frame) -> DWORD {
+        if (IsNullOrEmpty(diskPath) || !reader) return frame.InvalidParameter();
+        *reader = nullptr;
+        return IncsFromFull(diskPath, lowestSession, reader);
+    });
 }
 
 }  // namespace kx::bitmap

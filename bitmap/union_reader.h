@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "KestrixHA/bitmap.h"
+#include "common/unique_resource.h"
 
 namespace kx::bitmap {
 
@@ -13,21 +14,25 @@ namespace kx::bitmap {
 class CDiskBmpReader_OR final : public IDiskBmpReader {
 public:
     // Takes ownership of the children (newest first).
-    explicit CDiskBmpReader_OR(std::vector<IDiskBmpReader*> children) noexcept;
+    using Child = unique_released<IDiskBmpReader>;
+    explicit CDiskBmpReader_OR(std::vector<Child> children) noexcept;
 
     DWORD Release() override;
     DWORD GetBitmap(LONGLONG startingSector, LONG cbToRead, DiskBitmapBuffer* buffer) override;
     DWORD GetTotalSectors(LONGLONG* totalSectors) override;
 
 private:
-    ~CDiskBmpReader_OR() override;
+    ~CDiskBmpReader_OR() override = default;
 
-    std::vector<IDiskBmpReader*> children_;
+    std::vector<Child> children_;
     std::unique_ptr<BYTE[]> scratch_;
     DWORD capacity_ = 0;  // bitmap bytes the scratch buffer holds
 };
 
-DWORD GetBitmapReaderIncsFromFullImpl(const wchar_t* diskPath, DWORD lowestSession, IDiskBmpReader** reader);
+// The export GetBitmapReader_IncsFromFull: the union of the disk's bitmaps
+// from its own session back to `lowestSession` or the full session before.
+[[nodiscard]] DWORD GetBitmapReader_IncsFromFull(const wchar_t* diskPath, DWORD lowestSession,
+                                                 IDiskBmpReader** reader);
 
 // The bitmap file in `bitmaps` that belongs to disk file `diskFile`: the
 // same name without extension. Empty when none does.

@@ -1,5 +1,7 @@
 #include "bitmap/zek_bitmap_writer.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -7,17 +9,17 @@
 
 #include "bitmap/bitmap_file_format.h"
 #include "bitmap/session_password.h"
-#include "common/call_frame.h"
 #include "common/dest_layout.h"
 #include "common/unique_resource.h"
 #include "common/wstring_format.h"
+#include "log/call_frame.h"
 #include "platform/vdisk.h"
 
 namespace kx::bitmap {
 
 namespace {
 
-constexpr const wchar_t* kName = L"CreateBitmap4ZekFile";
+constexpr const wchar_t* kName = kCreateBitmap4ZekFile.name;
 
 DWORD WriteAll(HANDLE file, const void* data, DWORD size) {
     DWORD written = 0;
@@ -95,61 +97,59 @@ DWORD WriteBitmap(HANDLE out, const std::wstring& source, const vdisk::PasswordB
 
 }  // namespace
 
-DWORD CreateBitmap4ZekFileImpl(const wchar_t* sourceFolder, const wchar_t* targetFolder, const wchar_t* fileName,
-                               DWORD flag) {
-    Log(1, L"%s(%s, %s, %s) starts", kName, OrNull(sourceFolder), OrNull(targetFolder), OrNull(fileName));
-    if (!sourceFolder || !targetFolder || !fileName) {
-        Log(0, L"%s() failed due to invalid parameters", kName);
-        return ERROR_INVALID_PARAMETER;
-    }
-    const std::wstring source = Format(L"%s\\%s", sourceFolder, fileName);
-    std::wstring target = Format(L"%s\\%s", targetFolder, fileName);
-    if (target.size() < 10 || source.size() >= MAX_PATH || target.size() >= MAX_PATH) {
-        Log(0, L"%s() failed due to invalid parameters", kName);
-        return ERROR_INVALID_PARAMETER;
-    }
-    target.resize(target.size() - 3);
-    target += L"Bitmap";
-    Log(4, L"%s: Source file [%s]", kName, source.c_str());
-    Log(4, L"%s: Target file [%s]", kName, target.c_str());
+DWORD CreateBitmap4ZekFile(const wchar_t* sourceFolder, const wchar_t* targetFolder, const wchar_t* fileName,
+                           DWORD flag) {
+    return RunExport<kCreateBitmap4ZekFile>(
+        [&](auto& frame) -> DWORD {
+            if (IsNullOrEmpty(sourceFolder) || IsNullOrEmpty(targetFolder) || !IsPlainName(fileName))
+                return frame.InvalidParameter();
+            const std::wstring source = Format(L"%s\\%s", sourceFolder, fileName);
+            std::wstring target = Format(L"%s\\%s", targetFolder, fileName);
+            if (target.size() < 10 || source.size() >= MAX_PATH || target.size() >= MAX_PATH)
+                return frame.InvalidParameter();
+            target.resize(target.size() - 3);
+            target += L"Bitmap";
+            Log(4, L"%s: Source file [%s]", kName, source.c_str());
+            Log(4, L"%s: Target file [%s]", kName, target.c_str());
 
-    std::wstring root;
-    DWORD session = 0;
-    if (!GetRootAndSessNumFromPath(sourceFolder, root, &session)) {
-        Log(0, L"%s() failed to get root and sess_num from path [%s]", kName, sourceFolder);
-        return kFailNoCode;
-    }
-    bool encrypted = false;
-    std::wstring password;
-    if (DWORD rc = GetZekSessionPwd(root, session, flag, &encrypted, &password)) {
-        Log(0, L"%s() CalcFileSize2Send, Get session pwd failed, rc = %d", kName, rc);
-        return rc;
-    }
-    vdisk::PasswordBlock block;
-    if (encrypted) {
-        const size_t chars = std::min<size_t>(password.size(), 23);
-        std::memcpy(block.bytes, password.data(), chars * sizeof(wchar_t));
-    }
+            std::wstring root;
+            DWORD session = 0;
+            if (!GetRootAndSessNumFromPath(sourceFolder, root, &session)) {
+                Log(0, L"%s() failed to get root and sess_num from path [%s]", kName, sourceFolder);
+                return kFailNoCode;
+            }
+            bool encrypted = false;
+            std::wstring password;
+            if (DWORD rc = GetZekSessionPwd(root, session, flag, &encrypted, &password)) {
+                Log(0, L"%s() CalcFileSize2Send, Get session pwd failed, rc = %d", kName, rc);
+                return rc;
+            }
+            vdisk::PasswordBlock block;
+            if (encrypted) {
+                const size_t chars = std::min<size_t>(password.size(), 23);
+                std::memcpy(block.bytes, password.data(), chars * sizeof(wchar_t));
+            }
 
-    constexpr size_t kBufferSize = 16 + 32768;
-    std::unique_ptr<BYTE[]> buffer(new (std::nothrow) BYTE[kBufferSize]);
-    if (!buffer) {
-        Log(0, L"%s() failed to allocate memory in size [%d]", kName, kTransferBytes);
-        return ERROR_OUTOFMEMORY;
-    }
-    unique_hfile out(::CreateFileW(target.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                   CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!out) {
-        const DWORD rc = LastErrorOr();
-        Log(0, L"%s() failed to create bitmap file [%s], rc = [%d]", kName, target.c_str(), rc);
-        return rc;
-    }
-    const DWORD rc = WriteBitmap(out.get(), source, encrypted ? &block : nullptr,
-                                 reinterpret_cast<DiskBitmapBuffer*>(buffer.get()));
-    out.reset();
-    SecureZeroMemory(block.bytes, sizeof block.bytes);
-    Log(1, L"%s() finished, ret = [%d]", kName, rc);
-    return rc;
+            // The transfer record: two 64-bit counts and kTransferBytes of bitmap.
+            constexpr size_t kBufferSize = offsetof(DiskBitmapBuffer, bitmap) + kTransferBytes;
+            std::unique_ptr<BYTE[]> buffer(new (std::nothrow) BYTE[kBufferSize]);
+            if (!buffer) {
+                Log(0, L"%s() failed to allocate memory in size [%d]", kName, static_cast<int>(kBufferSize));
+                return ERROR_OUTOFMEMORY;
+            }
+            unique_hfile out(::CreateFileW(target.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                           CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+            if (!out) {
+                const DWORD rc = LastErrorOr();
+                Log(0, L"%s() failed to create bitmap file [%s], rc = [%d]", kName, target.c_str(), rc);
+                return rc;
+            }
+            const DWORD rc = WriteBitmap(out.get(), source, encrypted ? &block : nullptr,
+                                         reinterpret_cast<DiskBitmapBuffer*>(buffer.get()));
+            SecureZeroMemory(block.bytes, sizeof block.bytes);
+            return rc;
+        },
+        OrNull(sourceFolder), OrNull(targetFolder), OrNull(fileName));
 }
 
 }  // namespace kx::bitmap

@@ -9,6 +9,19 @@ namespace kx {
 
 std::wstring SessionFolderName(DWORD session) { return Format(L"S%010u", session); }
 
+bool IsPlainName(const wchar_t* name) noexcept {
+    if (!name || !*name) return false;
+    if (name[0] == L'.' && (name[1] == 0 || (name[1] == L'.' && name[2] == 0))) return false;
+    return !wcspbrk(name, L"\\/:");
+}
+
+bool IsSessionName(const wchar_t* name) noexcept {
+    if (!name || (name[0] != L'S' && name[0] != L's')) return false;
+    for (int i = 1; i <= 10; ++i)
+        if (name[i] < L'0' || name[i] > L'9') return false;
+    return name[11] == 0;
+}
+
 DWORD HA_GetKbSessPathByRootAndNum(const wchar_t* root, DWORD session, std::wstring& path) {
     if (!root || !*root) return kE_INVALIDARG;
     path = JoinPath(root, kVStore) + L'\\' + Format(L"S%010d", static_cast<int>(session));

@@ -17,6 +17,14 @@ inline constexpr const wchar_t* kHeaderRootIni = L"header_root.ini";
 // "S" and the session number in ten digits.
 std::wstring SessionFolderName(DWORD session);
 
+// A name the library may put into a path as one component: not empty, no
+// "\", "/" or ":", and not "." or "..". Names from callers that are not
+// plain would reach outside the folder they are meant for.
+bool IsPlainName(const wchar_t* name) noexcept;
+
+// "S" (or "s") followed by exactly ten digits: a session folder's name.
+bool IsSessionName(const wchar_t* name) noexcept;
+
 // root\VStore\S########## (no second separator when root ends with "\").
 // 0, or E_INVALIDARG for a null or empty root.
 DWORD HA_GetKbSessPathByRootAndNum(const wchar_t* root, DWORD session, std::wstring& path);

@@ -6,6 +6,7 @@
 #include <objbase.h>
 
 #include <cstddef>
+#include <memory>
 #include <utility>
 
 namespace kx {
@@ -161,5 +162,9 @@ struct release_deleter {
         if (p) p->Release();
     }
 };
+
+// The one owner of such objects.
+template <class T>
+using unique_released = std::unique_ptr<T, release_deleter<T>>;
 
 }  // namespace kx

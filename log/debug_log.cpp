@@ -7,7 +7,7 @@
 #include <new>
 
 #include "log/logger.h"
-#include "platform/backup_core.h"
+#include "common/install_path.h"
 
 namespace kx::log {
 
@@ -21,7 +21,7 @@ wchar_t g_folder[kPathChars];
 BOOL CALLBACK Make(PINIT_ONCE, PVOID, PVOID*) {
     std::wstring install;
     try {
-        platform::GetZekInstallPath(install);
+        (void)GetZekInstallPath(install);
     } catch (...) {
         install.clear();  // out of memory: the folder without an install path
     }

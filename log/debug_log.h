@@ -32,6 +32,8 @@
 #include <cstdint>
 #include <string>
 
+#include "log/log_format.h"
+
 namespace kx::log {
 
 // The name under which this library's threshold is read from
@@ -73,14 +75,15 @@ void SetTraceSink(TraceSink sink) noexcept;
 
 }  // namespace kx::log
 
-// Shorthands used throughout the library.
+// Shorthands used throughout the library. The format is checked against the
+// arguments when the call is compiled (log/log_format.h).
 namespace kx {
 template <class... A>
-inline void Log(int level, const wchar_t* format, A... args) noexcept {
-    log::Write(level, 0, format, args...);
+inline void Log(int level, log::fmt::Format<A...> format, A... args) noexcept {
+    log::Write(level, 0, format.get(), args...);
 }
 template <class... A>
-inline void LogErr(int level, DWORD error, const wchar_t* format, A... args) noexcept {
-    log::Write(level, error, format, args...);
+inline void LogErr(int level, DWORD error, log::fmt::Format<A...> format, A... args) noexcept {
+    log::Write(level, error, format.get(), args...);
 }
 }  // namespace kx

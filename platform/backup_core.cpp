@@ -3,7 +3,7 @@
 #include <cwchar>
 
 #include "common/dest_layout.h"
-#include "common/folder_ops.h"
+#include "common/dir_list.h"
 #include "common/result_codes.h"
 #include "common/unique_resource.h"
 #include "common/wstring_format.h"
@@ -60,21 +60,14 @@ DWORD KbGetAllBackupDestinations(const wchar_t* path, wchar_t** block, DWORD* co
 }
 
 DWORD EnumerateSessions(const std::wstring& root, std::vector<DWORD>& sessions) {
-    const std::wstring pattern = JoinPath(root, kVStore) + L"\\S*";
-    WIN32_FIND_DATAW fd;
-    unique_hfind find(::FindFirstFileW(pattern.c_str(), &fd));
-    if (!find) {
-        const DWORD e = ::GetLastError();
-        return (e == ERROR_FILE_NOT_FOUND || e == ERROR_PATH_NOT_FOUND) ? 0 : LastErrorOr();
-    }
-    do {
-        if (!(fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) || wcslen(fd.cFileName) != 11) continue;
+    const ListResult listed = ListDirectory(JoinPath(root, kVStore) + L"\\S*", [&](const WIN32_FIND_DATAW& fd) {
+        if (!IsFolder(fd) || wcslen(fd.cFileName) != 11) return;
         bool digits = true;
         for (int i = 1; i < 11; ++i) digits = digits && iswdigit(fd.cFileName[i]);
         if (digits) sessions.push_back(static_cast<DWORD>(wcstoul(fd.cFileName + 1, nullptr, 10)));
-    } while (::FindNextFileW(find.get(), &fd));
-    const DWORD e = ::GetLastError();
-    return e == ERROR_NO_MORE_FILES ? 0 : e;
+    });
+    if (listed.atFirstFind && (listed.code == ERROR_FILE_NOT_FOUND || listed.code == ERROR_PATH_NOT_FOUND)) return 0;
+    return listed.code;
 }
 
 DWORD QueryKbSessRootByNum(const std::wstring& path, DWORD session, std::wstring& sessionRoot) {
@@ -91,34 +84,6 @@ DWORD QueryKbSessRootByNum(const std::wstring& path, DWORD session, std::wstring
         }
     }
     return 0;
-}
-
-DWORD GetZekInstallPath(std::wstring& path) {
-    path.clear();
-    wchar_t buf[MAX_PATH] = {};
-    DWORD size = sizeof buf;
-    const LSTATUS rc = ::RegGetValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Veltrana\\Quillon\\Engine\\InstallPath", L"Path",
-                                      RRF_RT_REG_SZ, nullptr, buf, &size);
-    if (rc != ERROR_SUCCESS) return static_cast<DWORD>(rc);
-    path = buf;
-    while (path.size() > 3 && path.back() == L'\\') path.pop_back();
-    return path.empty() ? ERROR_FILE_NOT_FOUND : 0;
-}
-
-DWORD GetFolderSize(const std::wstring& folder, ULONGLONG* bytes) {
-    WIN32_FIND_DATAW fd;
-    unique_hfind find(::FindFirstFileW((folder + L"\\*").c_str(), &fd));
-    if (!find) return LastErrorOr();
-    do {
-        if (IsDotEntry(fd.cFileName)) continue;
-        if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
-            if (DWORD rc = GetFolderSize(folder + L"\\" + fd.cFileName, bytes)) return rc;
-        } else {
-            *bytes += (static_cast<ULONGLONG>(fd.nFileSizeHigh) << 32) | fd.nFileSizeLow;
-        }
-    } while (::FindNextFileW(find.get(), &fd));
-    const DWORD e = ::GetLastError();
-    return e == ERROR_NO_MORE_FILES ? 0 : e;
 }
 
 DWORD QuerySessionPassword(const std::wstring& sessionGuid, DWORD flag, std::wstring* password) {

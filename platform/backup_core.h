@@ -37,15 +37,6 @@ DWORD EnumerateSessions(const std::wstring& root, std::vector<DWORD>& sessions);
 // `session`; empty when none does.
 DWORD QueryKbSessRootByNum(const std::wstring& path, DWORD session, std::wstring& sessionRoot);
 
-// The product's install folder: value "Path" of
-// HKLM\SOFTWARE\Veltrana\Quillon\Engine\InstallPath, trailing backslashes
-// dropped (a drive root keeps its own). Writes no log line: the debug log
-// reads it to find its own folder.
-DWORD GetZekInstallPath(std::wstring& path);
-
-// Bytes of all files below a folder.
-DWORD GetFolderSize(const std::wstring& folder, ULONGLONG* bytes);
-
 // The password of an encrypted session, by session GUID. The built-in core
 // cannot decrypt sessions: ERROR_NOT_SUPPORTED.
 DWORD QuerySessionPassword(const std::wstring& sessionGuid, DWORD flag, std::wstring* password);

@@ -26,20 +26,20 @@ CreateKbSessLockFn SessionManagerFactory() {
     static CreateKbSessLockFn found = nullptr;
     std::lock_guard<std::mutex> guard(mu);
     if (found) return found;
-    HMODULE dll = ::LoadLibraryW(L"SessionManager.dll");
+    unique_hmodule dll(::LoadLibraryW(L"SessionManager.dll"));
     if (!dll) {
         Log(4, L"CreateKbSessLock: SessionManager.dll not loaded (%lu), built-in lock", ::GetLastError());
         return nullptr;
     }
-    auto fn = ProcAddress<CreateKbSessLockFn>(dll, MAKEINTRESOURCEA(kFactoryOrdinal));
+    auto fn = ProcAddress<CreateKbSessLockFn>(dll.get(), MAKEINTRESOURCEA(kFactoryOrdinal));
     if (!fn) {
         LogErr(0, ::GetLastError(), L"CreateKbSessLock: SessionManager.dll has no ordinal %d, built-in lock",
                static_cast<int>(kFactoryOrdinal));
-        ::FreeLibrary(dll);
         return nullptr;
     }
     Log(2, L"CreateKbSessLock: using SessionManager.dll");
-    found = fn;  // the module is never freed
+    dll.release();  // never freed: objects it made must not outlive their code
+    found = fn;
     return found;
 }
 
@@ -51,6 +51,13 @@ DWORD CreateKbSessLock(int op, ISessionLock** lock) {
     if (CreateKbSessLockFn f = g_override.load()) return f(op, lock);
     if (CreateKbSessLockFn f = SessionManagerFactory()) return f(op, lock);
     return CreateBuiltinSessionLock(op, lock);
+}
+
+DWORD CreateKbSessLock(int op, SessionLockPtr& lock) {
+    ISessionLock* raw = nullptr;
+    const DWORD rc = CreateKbSessLock(op, &raw);
+    lock.reset(raw);
+    return rc;
 }
 
 namespace testing {

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "common/unique_resource.h"
+
 namespace kx::platform {
 
 // Operation codes of the jobs that take locks.
@@ -56,6 +58,10 @@ using CreateKbSessLockFn = DWORD (*)(int op, ISessionLock** lock);
 // The factory: ordinal 100 of "SessionManager.dll" when it loads, else the
 // built-in manager. 0 and a lock object, or the factory's code.
 DWORD CreateKbSessLock(int op, ISessionLock** lock);
+
+using SessionLockPtr = unique_released<ISessionLock>;
+// The same, owned.
+[[nodiscard]] DWORD CreateKbSessLock(int op, SessionLockPtr& lock);
 
 namespace testing {
 // Replaces the factory (nullptr restores the default).

@@ -14,7 +14,7 @@ struct SessionLockHandle {
     std::wstring root;
     int firstSession = 0;
     int lastSession = 0;
-    kx::platform::ISessionLock* lock = nullptr;  // owned
+    kx::platform::SessionLockPtr lock;
 };
 
 namespace kx::session {
@@ -25,9 +25,12 @@ inline constexpr DWORD kLockRefusedActivity = 0x800B005F;
 // The sessions a lock request names for begin..end.
 std::vector<DWORD> RequestedSessions(int begin, int end);
 
-DWORD LockZekSessions(const wchar_t* root, int begin, int end, SessionLockHandle** handle, int manualVcm);
+// The exports HA_LockZekSessions, HA_UnlockZekSessions, HA_UnlockCTF2 and
+// CheckIfIsFullZekBeforeMerged, each in the export frame.
+[[nodiscard]] DWORD LockZekSessions(const wchar_t* root, int begin, int end, SessionLockHandle** handle,
+                                    int manualVcm);
 void UnlockZekSessions(SessionLockHandle* handle);
-DWORD UnlockCTF2(SessionLockHandle* handle);
-DWORD CheckIfIsFullZekBeforeMerged(const wchar_t* bitmapPath, bool* isFull);
+[[nodiscard]] DWORD UnlockCTF2(SessionLockHandle* handle);
+[[nodiscard]] DWORD CheckIfIsFullZekBeforeMerged(const wchar_t* bitmapPath, bool* isFull);
 
 }  // namespace kx::session

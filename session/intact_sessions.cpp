@@ -7,7 +7,7 @@
 #include "common/dest_layout.h"
 #include "common/result_codes.h"
 #include "common/wstring_format.h"
-#include "log/debug_log.h"
+#include "log/call_frame.h"
 #include "platform/backup_core.h"
 #include "platform/backup_info.h"
 #include "session/merge_markers.h"
@@ -56,54 +56,55 @@ DWORD GetIntactSessions(const wchar_t* root, std::vector<DWORD>& sessions) {
 }
 
 DWORD OpenIntactSessionList(const wchar_t* root, IntactSessionListHandle** handle) {
-    if (!handle) {
-        Log(0, L"MVCM_OpenIntactSessListHandle, pHandle == NULL");
-        return kE_INVALIDARG;
-    }
-    if (!root || !*root) {
-        Log(0, L"MVCM_OpenIntactSessListHandle, pwszRoot == NULL or empty");
-        return kE_INVALIDARG;
-    }
-    *handle = nullptr;
-    std::vector<DWORD> sessions;
-    if (DWORD rc = GetIntactSessions(root, sessions)) {
-        Log(0, L"MVCM_OpenIntactSessListHandle, get_intact_sess failed, root = %s, rc = 0x%X", root, rc);
-        return rc;
-    }
-    auto* h = new IntactSessionListHandle;
-    if (!sessions.empty()) {
-        h->sessions = static_cast<unsigned*>(::HeapAlloc(::GetProcessHeap(), 0, sessions.size() * sizeof(unsigned)));
-        if (!h->sessions) {
-            delete h;
-            return kE_OUTOFMEMORY;
+    return RunExport<kMVCM_OpenIntactSessionListHandle>([&](auto& frame) -> DWORD {
+        if (!handle) {
+            Log(0, L"MVCM_OpenIntactSessListHandle, pHandle == NULL");
+            return frame.InvalidParameter();
         }
-        std::copy(sessions.begin(), sessions.end(), h->sessions);
-        h->count = sessions.size();
-    }
-    *handle = h;
-    return 0;
+        if (IsNullOrEmpty(root)) {
+            Log(0, L"MVCM_OpenIntactSessListHandle, pwszRoot == NULL or empty");
+            return frame.InvalidParameter();
+        }
+        *handle = nullptr;
+        std::vector<DWORD> sessions;
+        if (DWORD rc = GetIntactSessions(root, sessions)) {
+            Log(0, L"MVCM_OpenIntactSessListHandle, get_intact_sess failed, root = %s, rc = 0x%X", root, rc);
+            return rc;
+        }
+        auto h = std::make_unique<IntactSessionListHandle>();
+        if (!sessions.empty()) {
+            h->sessions = std::make_unique_for_overwrite<unsigned[]>(sessions.size());
+            std::copy(sessions.begin(), sessions.end(), h->sessions.get());
+            h->count = sessions.size();
+        }
+        *handle = h.release();
+        return 0;
+    });
 }
 
 DWORD QueryIntactSessionList(IntactSessionListHandle* handle, unsigned* sessions, int capacity, unsigned* count) {
-    if (!handle) {
-        Log(0, L"MVCM_QueryIntactSessionList, input handle == NULL");
-        return kE_POINTER;
-    }
-    if (!count) return kE_INVALIDARG;
-    if (capacity < 0 || static_cast<size_t>(capacity) < handle->count) {
+    return RunExport<kMVCM_QueryIntactSessionList>([&](auto& frame) -> DWORD {
+        if (!handle) {
+            Log(0, L"MVCM_QueryIntactSessionList, input handle == NULL");
+            return kE_POINTER;
+        }
+        if (!count) return frame.InvalidParameter();
+        if (capacity < 0 || static_cast<size_t>(capacity) < handle->count) {
+            *count = static_cast<unsigned>(handle->count);
+            return ERROR_MORE_DATA;
+        }
+        if (handle->count && !sessions) return frame.InvalidParameter();
+        if (handle->count) std::memcpy(sessions, handle->sessions.get(), handle->count * sizeof(unsigned));
         *count = static_cast<unsigned>(handle->count);
-        return ERROR_MORE_DATA;
-    }
-    if (handle->count && !sessions) return kE_INVALIDARG;
-    if (handle->count) std::memcpy(sessions, handle->sessions, handle->count * sizeof(unsigned));
-    *count = static_cast<unsigned>(handle->count);
-    return 0;
+        return 0;
+    });
 }
 
 void CloseIntactSessionList(IntactSessionListHandle* handle) {
-    // The record alone: the number array stays allocated, as the interface
-    // has always done.
-    delete handle;
+    RunExportVoid<kMVCM_CloseIntactSessionListHandle>([&] {
+        std::unique_ptr<IntactSessionListHandle> owned(handle);
+        if (owned) (void)owned->sessions.release();  // the array outlives the handle by contract
+    });
 }
 
 }  // namespace kx::session

@@ -4,12 +4,15 @@
 
 #include <windows.h>
 
+#include <memory>
 #include <vector>
 
 #include "KestrixHA/session.h"
 
 struct IntactSessionListHandle {
-    unsigned* sessions = nullptr;  // on the process heap, ascending
+    // Ascending. Closing a handle frees the record but leaves this array
+    // allocated, as the interface has always done.
+    std::unique_ptr<unsigned[]> sessions;
     size_t count = 0;
 };
 
@@ -17,8 +20,10 @@ namespace kx::session {
 
 DWORD GetIntactSessions(const wchar_t* root, std::vector<DWORD>& sessions);
 
-DWORD OpenIntactSessionList(const wchar_t* root, IntactSessionListHandle** handle);
-DWORD QueryIntactSessionList(IntactSessionListHandle* handle, unsigned* sessions, int capacity, unsigned* count);
+// The exports of the same names (MVCM_...).
+[[nodiscard]] DWORD OpenIntactSessionList(const wchar_t* root, IntactSessionListHandle** handle);
+[[nodiscard]] DWORD QueryIntactSessionList(IntactSessionListHandle* handle, unsigned* sessions, int capacity,
+                                           unsigned* count);
 void CloseIntactSessionList(IntactSessionListHandle* handle);
 
 }  // namespace kx::session

@@ -12,6 +12,9 @@ namespace kx::session {
 // plus one (the session they are folded into). A missing folder or no
 // markers leave `sessions` as it is. 0, or 0x80070057 for a marker name too
 // long to handle.
-DWORD GetMergeSessions(const wchar_t* root, std::vector<DWORD>& sessions);
+// The export MVCM_GetMergeSessions (a failure inside, out of memory
+// included, is E_FAIL), and its work.
+[[nodiscard]] DWORD GetMergeSessions(const wchar_t* root, std::vector<DWORD>& sessions);
+[[nodiscard]] DWORD MergeSessions(const wchar_t* root, std::vector<DWORD>& sessions);
 
 }  // namespace kx::session

@@ -3,10 +3,11 @@
 #include <cwctype>
 
 #include "common/dest_layout.h"
+#include "common/install_path.h"
 #include "common/result_codes.h"
-#include "common/unicode_ini.h"
+#include "platform/unicode_ini.h"
 #include "common/wstring_format.h"
-#include "log/debug_log.h"
+#include "log/call_frame.h"
 #include "platform/backup_core.h"
 
 namespace kx::session {
@@ -32,7 +33,7 @@ std::wstring ModuleFolder() {
 DWORD GetVCMConfigFilePath(std::wstring& path) {
     path.clear();
     std::wstring install;
-    if (DWORD rc = platform::GetZekInstallPath(install)) {
+    if (DWORD rc = GetZekInstallPath(install)) {
         Log(0, L"GetVCMConfigFilePath, GetZekInstallPath failed, rc = 0x%X", rc);
         return rc;
     }
@@ -40,8 +41,9 @@ DWORD GetVCMConfigFilePath(std::wstring& path) {
     return 0;
 }
 
-DWORD ReadVCMConfig(VCMConfigure* config) {
-    if (!config) return kE_INVALIDARG;
+namespace {
+
+DWORD ReadConfig(VCMConfigure* config) {
     config->manualVCM = false;
     config->indexFolder.clear();
     std::wstring path;
@@ -62,8 +64,7 @@ DWORD ReadVCMConfig(VCMConfigure* config) {
     return 0;
 }
 
-DWORD WriteVCMConfig(const VCMConfigure* config) {
-    if (!config) return kE_INVALIDARG;
+DWORD WriteConfig(const VCMConfigure* config) {
     std::wstring path;
     if (DWORD rc = GetVCMConfigFilePath(path)) {
         Log(0, L"WriteVCMCfg::GetCfgPath error, rc = 0x%X", rc);
@@ -97,6 +98,24 @@ DWORD WriteVCMConfig(const VCMConfigure* config) {
     return 0;
 }
 
+}  // namespace
+
+DWORD ReadVCMConfig(VCMConfigure* config) {
+    return RunExport<kReadVCMConfigure>([&](auto& frame) -> DWORD {
+        if (!config) return frame.InvalidParameter();
+        return ReadConfig(config);
+    });
+}
+
+DWORD WriteVCMConfig(const VCMConfigure* config) {
+    return RunExport<kWriteVCMConfigure>([&](auto& frame) -> DWORD {
+        if (!config) return frame.InvalidParameter();
+        const DWORD rc = WriteConfig(config);
+        if (rc) Log(0, L"WriteVCMConfigFromFile failed, rc = 0x%X", rc);
+        return rc;
+    });
+}
+
 DWORD TranslateSessionPath(const std::wstring& indexFolder, const std::wstring& sessionPath, std::wstring& rwFolder) {
     std::wstring path = sessionPath;
     while (!path.empty() && (path.back() == L'\\' || path.back() == L'/')) path.pop_back();
@@ -118,8 +137,12 @@ DWORD TranslateSessionPath(const std::wstring& indexFolder, const std::wstring& 
 }
 
 DWORD GetSessionRWFolder(const std::wstring& sessionPath, std::wstring& rwFolder) {
+    return RunExport<kMVCM_GetSessionRWFolder>([&](auto&) { return SessionRWFolder(sessionPath, rwFolder); });
+}
+
+DWORD SessionRWFolder(const std::wstring& sessionPath, std::wstring& rwFolder) {
     VCMConfigure config{};
-    if (DWORD rc = ReadVCMConfig(&config)) {
+    if (DWORD rc = ReadConfig(&config)) {
         Log(0, L"MVCM_GetSessionRWFolder, ReadVCMCfg failed, rc = 0x%X", rc);
         return rc;
     }

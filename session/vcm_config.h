@@ -13,8 +13,9 @@ namespace kx::session {
 // <install path>\Configuration\vcm.ini
 DWORD GetVCMConfigFilePath(std::wstring& path);
 
-DWORD ReadVCMConfig(VCMConfigure* config);
-DWORD WriteVCMConfig(const VCMConfigure* config);
+// The exports ReadVCMConfigure and WriteVCMConfigure.
+[[nodiscard]] DWORD ReadVCMConfig(VCMConfigure* config);
+[[nodiscard]] DWORD WriteVCMConfig(const VCMConfigure* config);
 
 // The session's folder under the index folder: <index>\<root name>-<hash of
 // the root path>\S##########. The hash (FNV-1a of the upper-cased root) keeps
@@ -22,6 +23,8 @@ DWORD WriteVCMConfig(const VCMConfigure* config);
 // the same folder.
 DWORD TranslateSessionPath(const std::wstring& indexFolder, const std::wstring& sessionPath, std::wstring& rwFolder);
 
-DWORD GetSessionRWFolder(const std::wstring& sessionPath, std::wstring& rwFolder);
+// The export MVCM_GetSessionRWFolder, and its work.
+[[nodiscard]] DWORD GetSessionRWFolder(const std::wstring& sessionPath, std::wstring& rwFolder);
+[[nodiscard]] DWORD SessionRWFolder(const std::wstring& sessionPath, std::wstring& rwFolder);
 
 }  // namespace kx::session

@@ -14,9 +14,9 @@ namespace {
 using kxtest::Reader;
 
 Reader Open(const std::wstring& path, DWORD* rc) {
-    kx::bitmap::CDiskBmpFileRD* r = nullptr;
-    *rc = kx::bitmap::OpenBitmapReader(path.c_str(), &r);
-    return Reader(r);
+    kx::bitmap::BitmapFileReaderPtr r;
+    *rc = kx::bitmap::OpenBitmapReader(path.c_str(), r);
+    return Reader(r.release());
 }
 
 struct Buffer {

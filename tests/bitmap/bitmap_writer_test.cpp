@@ -69,7 +69,7 @@ protected:
     }
     void TearDown() override { kx::vdisk::testing::SetOpener(nullptr); }
     DWORD Write(const wchar_t* name = L"disk0000000001.zek") {
-        return kx::bitmap::CreateBitmap4ZekFileImpl(session.c_str(), target.path().c_str(), name, 0);
+        return kx::bitmap::CreateBitmap4ZekFile(session.c_str(), target.path().c_str(), name, 0);
     }
     std::vector<uint8_t> Body() {
         auto all = kxtest::ReadBytes(target / L"disk0000000001.Bitmap");
@@ -127,10 +127,10 @@ TEST_F(BitmapWriter, ExactMultipleEndsOnAnEmptyRequestAndTypesSetTheFlag) {
 TEST_F(BitmapWriter, FailuresAreLoggedAndReturned) {
     kxtest::LogCursor log;
     FakeDisk::Reset(64, 4);
-    EXPECT_EQ(kx::bitmap::CreateBitmap4ZekFileImpl(nullptr, L"x", L"y", 0), 87u);
+    EXPECT_EQ(kx::bitmap::CreateBitmap4ZekFile(nullptr, L"x", L"y", 0), 87u);
     EXPECT_TRUE(log.Contains(L"CreateBitmap4ZekFile(NULL, x, y) starts"));
-    EXPECT_EQ(kx::bitmap::CreateBitmap4ZekFileImpl(L"C:\\VStore\\S1", L"C:", L"a.z", 0), 87u);  // "C:\a.z"
-    EXPECT_EQ(kx::bitmap::CreateBitmap4ZekFileImpl(L"C:\\plain", target.path().c_str(), L"disk0000000001.zek", 0),
+    EXPECT_EQ(kx::bitmap::CreateBitmap4ZekFile(L"C:\\VStore\\S1", L"C:", L"a.z", 0), 87u);  // "C:\a.z"
+    EXPECT_EQ(kx::bitmap::CreateBitmap4ZekFile(L"C:\\plain", target.path().c_str(), L"disk0000000001.zek", 0),
               0xFFFFFFFFu);
     EXPECT_TRUE(log.Contains(L"CreateBitmap4ZekFile() failed to get root and sess_num from path [C:\\plain]"));
 

@@ -27,7 +27,7 @@ void Prepare(const std::wstring& root, std::initializer_list<unsigned> sessions)
 
 Names Prepared(const std::wstring& root) {
     Names names;
-    kx::bitmap::GetBitmapList4BackupDestImpl(root.c_str(), names);
+    kx::bitmap::GetBitmapList4BackupDest(root.c_str(), names);
     std::sort(names.begin(), names.end());
     return names;
 }

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "KestrixHA/session.h"
-#include "common/unicode_ini.h"
+#include "platform/unicode_ini.h"
 #include "../bitmap/bitmap_test_util.h"
 #include "kx_test.h"
 

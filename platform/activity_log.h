@@ -7,7 +7,7 @@
 
 #include "common/unique_resource.h"
 
-namespace kx::session {
+namespace kx::platform {
 
 // The activity message of a lock holder's operation code; 0 when the
 // operation has none.
@@ -30,4 +30,4 @@ private:
     JobLoadStringFn loadString_ = nullptr;
 };
 
-}  // namespace kx::session
+}  // namespace kx::platform

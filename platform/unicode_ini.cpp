@@ -1,4 +1,4 @@
-#include "common/unicode_ini.h"
+#include "platform/unicode_ini.h"
 
 #include <cwchar>
 

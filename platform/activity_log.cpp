@@ -1,10 +1,10 @@
-#include "session/activity_log.h"
+#include "platform/activity_log.h"
 
 #include <cstring>
 
 #include "common/proc_address.h"
 
-namespace kx::session {
+namespace kx::platform {
 
 DWORD LockHolderMessage(int op) noexcept {
     switch (op) {
@@ -43,4 +43,4 @@ void ActivityLog::Report(DWORD message, DWORD code, const wchar_t* root, const w
     if (loadString_(message, text, 512) == 0) logActivity_(1, code, root, file, text, computer, processId);
 }
 
-}  // namespace kx::session
+}  // namespace kx::platform

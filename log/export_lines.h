@@ -1,0 +1,112 @@
+// What every exported function writes about itself: its start line, its end
+// line and its line for rejected arguments, with their levels. One row per
+// export; the call frame (log/call_frame.h) writes them. Exports that call
+// one another (a listing per destination, a delete per session) go through
+// the same rows, so a nested call logs as it does when called from outside.
+//
+// Formats: a start format takes the export's name first when it has one
+// conversion more than the arguments its callers pass; a Result end format
+// takes the name and the result code; a Values end format takes the name
+// and whatever the body passes to ExportFrame::End.
+#pragma once
+
+#include <windows.h>
+
+#include "common/result_codes.h"
+
+namespace kx {
+
+enum class EndKind {
+    Result,  // the frame writes `end` with the name and the result on every path
+    Values,  // the body writes `end` with its own values; other paths get the plain end line
+    None,    // no end line (the export reports in its own lines)
+};
+
+struct ExportLines {
+    const wchar_t* name;
+    int startLevel;
+    const wchar_t* start;  // null: no start line
+    int endLevel;
+    const wchar_t* end;
+    EndKind endKind;
+    const wchar_t* invalid = L"%s() failed due to invalid parameter";
+    DWORD invalidCode = ERROR_INVALID_PARAMETER;
+    DWORD exceptionCode = 0;  // 0: out of memory gives ERROR_OUTOFMEMORY, anything else kFailNoCode
+};
+
+inline constexpr const wchar_t* kFinished = L"%s() finished, rc = [%d]";
+
+// ---- foundation -------------------------------------------------------------
+inline constexpr ExportLines kDestroyDirectory{L"DestroyDirectory", 1, L"%s() starts (%s)", 1, kFinished,
+                                               EndKind::Result};
+inline constexpr ExportLines kGetFileListByPattern{
+    L"GetFileListByPattern", 1, L"%s(%s) starts...", 1, L"%s() finished, total file count = [%d] rc = [%d]",
+    EndKind::Values, L"%s() failed due to incorrect pattern [%s]"};
+inline constexpr ExportLines kKxGetDebugLogFile{L"KxGetDebugLogFile", 4, nullptr, 4, nullptr, EndKind::None};
+
+// ---- session bitmaps ----------------------------------------------------------
+inline constexpr ExportLines kReadDiskBitmap{L"ReadDiskBitmap", 4, nullptr, 4, nullptr, EndKind::None, nullptr,
+                                             kE_INVALIDARG};
+inline constexpr ExportLines kCreateBitmap4ZekFile{L"CreateBitmap4ZekFile", 1, L"%s(%s, %s, %s) starts", 1,
+                                                   L"%s() finished, ret = [%d]", EndKind::Result,
+                                                   L"%s() failed due to invalid parameters"};
+inline constexpr ExportLines kCreateBitmap4SessionEx{L"CreateBitmap4SessionEx", 1, L"%s(%s, %s, %s, %d) starts", 1,
+                                                     kFinished, EndKind::Result};
+inline constexpr ExportLines kCreateBitmap4Session{L"CreateBitmap4Session", 4, nullptr, 4, nullptr, EndKind::None};
+inline constexpr ExportLines kCreateBitmap4BackupDest{L"CreateBitmap4BackupDest", 4, nullptr, 4, nullptr,
+                                                      EndKind::None};
+inline constexpr ExportLines kCreateBitmap4BackupDestEx{L"CreateBitmap4BackupDestEx", 1, L"%s(%s) starts...", 1,
+                                                        kFinished, EndKind::Result};
+inline constexpr ExportLines kCreateSessionBitmapEx{L"CreateSessionBitmapEx", 4, L"%s(%s) starts", 1,
+                                                    L"%s() finished, rc = %d", EndKind::Result,
+                                                    L"%s() finished, rc = [ERROR_INVALID_PARAMETER]"};
+inline constexpr ExportLines kCreateSessionBitmap{L"CreateSessionBitmap", 4, nullptr, 4, nullptr, EndKind::None};
+inline constexpr ExportLines kMarkLastConvertedSession{L"MarkLastConvertedSession", 1, L"%s(%s, %s) starts...", 1,
+                                                       nullptr, EndKind::None};
+inline constexpr ExportLines kGetBackupDestList{L"GetBackupDestList", 1, L"%s(%s) starts...", 1,
+                                                L"%s() finished, list size = [%d]", EndKind::Values};
+inline constexpr ExportLines kGetBitmapList4BackupDest{L"GetBitmapList4BackupDest", 1, L"%s(%s) starts...", 1,
+                                                       L"%s() finished, rc = [%d], count = [%d]", EndKind::Values};
+inline constexpr ExportLines kGetSessionBitmapList{L"GetSessionBitmapList", 1, L"%s(%s) starts...", 1,
+                                                   L"%s() finished, rc = [%d], total bitmap count = [%d]",
+                                                   EndKind::Values};
+inline constexpr ExportLines kGetBitmapDiskList{L"GetBitmapDiskList", 1, L"%s(%s, %s) starts...", 1, kFinished,
+                                                EndKind::Result};
+inline constexpr ExportLines kCheckSessionBitmap{
+    L"CheckSessionBitmap", 1, L"%s(%s, %s, ...) starts", 1,
+    L"%s() finished, ifSession = [%d] ifBitmap = [%d], ifMatch = [%d]", EndKind::Values};
+inline constexpr ExportLines kDeleteBitmap4BackupDest{L"DeleteBitmap4BackupDest", 1, L"%s(%s, %s) starts...", 1,
+                                                      kFinished, EndKind::Result};
+inline constexpr ExportLines kDeleteSessionBitmap{L"DeleteSessionBitmap", 1, L"%s(%s, %s) starts...", 1, kFinished,
+                                                  EndKind::Result};
+inline constexpr ExportLines kDetectAndRemoveObsolteBitmap{L"DetectAndRemoveObsolteBitmap", 1, L"%s(%s) starts...",
+                                                           1, kFinished, EndKind::Result};
+inline constexpr ExportLines kGetBitmapReader_IncsFromFull{L"GetBitmapReader_IncsFromFull", 4, nullptr, 4, nullptr,
+                                                           EndKind::None, nullptr, kE_INVALIDARG};
+
+// ---- session coordination --------------------------------------------------------
+inline constexpr ExportLines kHA_LockZekSessions{L"HA_LockZekSessions", 2,
+                                                 L"%s::begin, root = %s, being = %d, end = %d, ph = 0x%p", 2,
+                                                 L"%s::end, rc = %d", EndKind::Result, nullptr, kE_INVALIDARG};
+inline constexpr ExportLines kHA_UnlockZekSessions{L"HA_UnlockZekSessions", 2, L"HA_UnlockZekSess, hLock = 0x%p", 2,
+                                                   nullptr, EndKind::None};
+inline constexpr ExportLines kHA_UnlockCTF2{L"HA_UnlockCTF2", 2, L"%s, hLock = 0x%p", 2, nullptr, EndKind::None,
+                                            nullptr, kE_INVALIDARG};
+inline constexpr ExportLines kCheckIfIsFullZekBeforeMerged{L"CheckIfIsFullZekBeforeMerged", 4, nullptr, 4, nullptr,
+                                                           EndKind::None, nullptr, kE_INVALIDARG};
+inline constexpr ExportLines kMVCM_GetMergeSessions{L"MVCM_GetMergeSessions", 4, nullptr, 4, nullptr, EndKind::None,
+                                                    nullptr, kE_INVALIDARG, kE_FAIL};
+inline constexpr ExportLines kReadVCMConfigure{L"ReadVCMConfigure", 4, nullptr, 4, nullptr, EndKind::None, nullptr,
+                                               kE_INVALIDARG};
+inline constexpr ExportLines kWriteVCMConfigure{L"WriteVCMConfigure", 4, nullptr, 4, nullptr, EndKind::None, nullptr,
+                                                kE_INVALIDARG};
+inline constexpr ExportLines kMVCM_GetSessionRWFolder{L"MVCM_GetSessionRWFolder", 4, nullptr, 4, nullptr,
+                                                      EndKind::None, nullptr, kE_INVALIDARG};
+inline constexpr ExportLines kMVCM_OpenIntactSessionListHandle{L"MVCM_OpenIntactSessionListHandle", 4, nullptr, 4,
+                                                               nullptr, EndKind::None, nullptr, kE_INVALIDARG};
+inline constexpr ExportLines kMVCM_QueryIntactSessionList{L"MVCM_QueryIntactSessionList", 4, nullptr, 4, nullptr,
+                                                          EndKind::None, nullptr, kE_INVALIDARG};
+inline constexpr ExportLines kMVCM_CloseIntactSessionListHandle{L"MVCM_CloseIntactSessionListHandle", 4, nullptr, 4,
+                                                                nullptr, EndKind::None};
+
+}  // namespace kx

@@ -5,9 +5,11 @@
 #include <xmllite.h>
 
 #include <cwchar>
+#include <string>
 #include <cwctype>
 
 #include "common/proc_address.h"
+#include "common/result_codes.h"
 #include "common/unique_resource.h"
 #include "common/wstring_format.h"
 #include "log/debug_log.h"
@@ -34,6 +36,23 @@ std::wstring Trim(const wchar_t* s, UINT n) {
     return std::wstring(s + b, n - b);
 }
 
+// XML allows no U+0000 anywhere; refusing it before parsing also keeps
+// input away from parsers that fail hard on it. UTF-16 (with or without a
+// byte-order mark) is checked by code unit, anything else by byte.
+bool HoldsNul(const unsigned char* b, size_t n) {
+    const bool le = (n >= 2 && b[0] == 0xFF && b[1] == 0xFE) || (n >= 2 && b[0] != 0 && b[1] == 0);
+    const bool be = (n >= 2 && b[0] == 0xFE && b[1] == 0xFF) || (n >= 2 && b[0] == 0 && b[1] != 0);
+    if (le || be) {
+        if (n % 2) return true;
+        for (size_t i = 0; i + 1 < n; i += 2)
+            if (b[i] == 0 && b[i + 1] == 0) return true;
+        return false;
+    }
+    for (size_t i = 0; i < n; ++i)
+        if (b[i] == 0) return true;
+    return false;
+}
+
 bool ParseNumber(const std::wstring& text, DWORD* out) {
     if (text.empty()) return false;
     wchar_t* end = nullptr;
@@ -45,17 +64,35 @@ bool ParseNumber(const std::wstring& text, DWORD* out) {
 
 }  // namespace
 
-DWORD ReadBackupInfo(const std::wstring& xmlPath, BackupInfo* info) {
+DWORD ParseBackupInfo(const void* data, size_t size, BackupInfo* info) {
     *info = BackupInfo{};
+    // Too short to hold a root element (some parsers also fail hard on an
+    // empty stream), or larger than any description.
+    if (size < 16 || size > kMaxBackupInfoBytes) return ERROR_INVALID_DATA;
+    if (HoldsNul(static_cast<const unsigned char*>(data), size)) return ERROR_INVALID_DATA;
     CreateXmlReaderFn create = XmlReaderFactory();
     if (!create) return ERROR_DLL_INIT_FAILED;
 
+    // A line end after the last byte changes nothing a parser reports (white
+    // space may follow the root element), and keeps the input from ending
+    // right behind an XML declaration, where some XmlLite builds abort the
+    // process instead of answering.
+    std::string bytes(static_cast<const char*>(data), size);
+    const auto* b = reinterpret_cast<const unsigned char*>(bytes.data());
+    if (b[0] == 0xFF && b[1] == 0xFE)
+        bytes.append("\r\0\n\0", 4);
+    else if (b[0] == 0xFE && b[1] == 0xFF)
+        bytes.append("\0\r\0\n", 4);
+    else
+        bytes.append("\r\n", 2);
     com_ptr<IStream> stream;
-    HRESULT hr = ::SHCreateStreamOnFileW(xmlPath.c_str(), STGM_READ | STGM_SHARE_DENY_WRITE, stream.put());
-    if (FAILED(hr)) return HRESULT_FACILITY(hr) == FACILITY_WIN32 ? HRESULT_CODE(hr) : static_cast<DWORD>(hr);
+    *stream.put() = ::SHCreateMemStream(reinterpret_cast<const BYTE*>(bytes.data()), static_cast<UINT>(bytes.size()));
+    if (!stream) return ERROR_OUTOFMEMORY;
     com_ptr<IXmlReader> reader;
+    HRESULT hr;
     if (FAILED(hr = create(__uuidof(IXmlReader), reinterpret_cast<void**>(reader.put()), nullptr)) ||
         FAILED(hr = reader->SetProperty(XmlReaderProperty_DtdProcessing, DtdProcessing_Prohibit)) ||
+        FAILED(hr = reader->SetProperty(XmlReaderProperty_MaxElementDepth, 16)) ||
         FAILED(hr = reader->SetInput(stream.get())))
         return static_cast<DWORD>(hr);
 
@@ -65,10 +102,24 @@ DWORD ReadBackupInfo(const std::wstring& xmlPath, BackupInfo* info) {
     int depth = 0;
     bool rootSeen = false;
     XmlNodeType node;
-    while ((hr = reader->Read(&node)) == S_OK) {
+    // Every step must move on through the input: a reader that hands out the
+    // same node again (some parsers do at a cut-off text node or a NUL inside
+    // an element) ends the read as malformed, and so does a file with more
+    // nodes than a session description ever has.
+    UINT lastLine = 0, lastColumn = 0;
+    XmlNodeType lastNode = XmlNodeType_None;
+    for (size_t nodes = 0;; ++nodes) {
+        hr = reader->Read(&node);
+        if (hr != S_OK) break;
+        if (nodes >= kMaxBackupInfoNodes) return ERROR_INVALID_DATA;
+        UINT line = 0, column = 0;
+        if (FAILED(reader->GetLineNumber(&line)) || FAILED(reader->GetLinePosition(&column)))
+            return ERROR_INVALID_DATA;
+        if (nodes > 0 && node == lastNode && line == lastLine && column == lastColumn) return ERROR_INVALID_DATA;
+        lastNode = node, lastLine = line, lastColumn = column;
         if (node == XmlNodeType_Element) {
             const wchar_t* name = nullptr;
-            reader->GetLocalName(&name, nullptr);
+            if (FAILED(reader->GetLocalName(&name, nullptr)) || !name) return ERROR_INVALID_DATA;
             const bool empty = reader->IsEmptyElement();
             if (depth == 0) {
                 if (rootSeen || wcscmp(name, L"BackupInfo") != 0) return ERROR_INVALID_DATA;
@@ -84,12 +135,12 @@ DWORD ReadBackupInfo(const std::wstring& xmlPath, BackupInfo* info) {
                 if (element == L"SessionGuid") haveGuid = true;
             }
         } else if (node == XmlNodeType_EndElement) {
-            --depth;
+            if (--depth < 0) return ERROR_INVALID_DATA;
             if (depth == 1) element.clear();
         } else if ((node == XmlNodeType_Text || node == XmlNodeType_CDATA) && depth == 2) {
             const wchar_t* value = nullptr;
             UINT len = 0;
-            reader->GetValue(&value, &len);
+            if (FAILED(reader->GetValue(&value, &len)) || !value) return ERROR_INVALID_DATA;
             const std::wstring text = Trim(value, len);
             if (element == L"SessionNumber") number = text, haveNumber = true;
             else if (element == L"SessionGuid") guid = text, haveGuid = true;
@@ -98,8 +149,9 @@ DWORD ReadBackupInfo(const std::wstring& xmlPath, BackupInfo* info) {
             else if (element == L"Encrypted") encrypted = text;
         }
     }
-    // An unclosed element is a truncated file, whatever the parser says.
-    if (FAILED(hr) || depth != 0 || !rootSeen) return ERROR_INVALID_DATA;
+    // An unclosed element is a truncated file, whatever the parser says; so
+    // is a reader that stopped without reporting the end of the input.
+    if (hr != S_FALSE || depth != 0 || !rootSeen) return ERROR_INVALID_DATA;
     if (!haveNumber || !haveGuid || !haveKind || !haveStatus) return ERROR_INVALID_DATA;
     if (!ParseNumber(number, &info->sessionNumber)) return ERROR_INVALID_DATA;
     info->sessionGuid = guid;
@@ -107,6 +159,22 @@ DWORD ReadBackupInfo(const std::wstring& xmlPath, BackupInfo* info) {
     info->status = status;
     info->encrypted = encrypted == L"1";
     return 0;
+}
+
+DWORD ReadBackupInfo(const std::wstring& xmlPath, BackupInfo* info) {
+    *info = BackupInfo{};
+    unique_hfile file(::CreateFileW(xmlPath.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file) return LastErrorOr();
+    LARGE_INTEGER size{};
+    if (!::GetFileSizeEx(file.get(), &size)) return LastErrorOr();
+    if (size.QuadPart > static_cast<LONGLONG>(kMaxBackupInfoBytes)) return ERROR_INVALID_DATA;
+    std::string bytes(static_cast<size_t>(size.QuadPart), '\0');
+    DWORD got = 0;
+    if (!bytes.empty() && !::ReadFile(file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &got, nullptr))
+        return LastErrorOr();
+    if (got != bytes.size()) return ERROR_INVALID_DATA;
+    return ParseBackupInfo(bytes.data(), bytes.size(), info);
 }
 
 bool IsSessionValid(const std::wstring& sessionFolder) {

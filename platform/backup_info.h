@@ -3,6 +3,7 @@
 
 #include <windows.h>
 
+#include <cstddef>
 #include <string>
 
 namespace kx::platform {
@@ -21,7 +22,16 @@ inline constexpr const wchar_t* kBackupInfoFile = L"BackupInfo.XML";
 // ignored; SessionNumber, SessionGuid, BackupKind and Status are required
 // (ERROR_INVALID_DATA when one is missing or not a number). A missing file
 // gives its system code.
-DWORD ReadBackupInfo(const std::wstring& xmlPath, BackupInfo* info);
+// A file larger than kMaxBackupInfoBytes, or with more than
+// kMaxBackupInfoNodes nodes, is ERROR_INVALID_DATA: every input ends with a
+// code.
+[[nodiscard]] DWORD ReadBackupInfo(const std::wstring& xmlPath, BackupInfo* info);
+
+// The same on the file's bytes.
+[[nodiscard]] DWORD ParseBackupInfo(const void* data, size_t size, BackupInfo* info);
+
+inline constexpr size_t kMaxBackupInfoBytes = 1 << 20;
+inline constexpr size_t kMaxBackupInfoNodes = 10000;
 
 // True when the session folder's description reads and its status is
 // "Finished" (compared without regard to case).

@@ -9,14 +9,19 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "bitmap/bitmap_file_format.h"
 #include "bitmap/union_reader.h"
+#include "common/positioned_io.h"
+#include "common/unique_resource.h"
 
 namespace {
+
+using kx::unique_hfile;
 
 constexpr int kChain = 16;
 constexpr LONGLONG kSectors = 256LL * 1024 * 1024 * 1024 / 512;  // 256 GiB
@@ -45,12 +50,11 @@ bool WriteChain(const std::wstring& root) {
         h.version = 1;
         h.differencing = s == 1 ? 0 : 1;  // the chain ends at the full disk of session 1
         h.totalSectors = kSectors;
-        HANDLE f = CreateFileW(BitmapPath(root, s).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
-        if (f == INVALID_HANDLE_VALUE) return false;
+        unique_hfile f(CreateFileW(BitmapPath(root, s).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+        if (!f) return false;
         DWORD w;
-        WriteFile(f, &h, sizeof h, &w, nullptr);
-        WriteFile(f, body.data(), kBodyBytes, &w, nullptr);
-        CloseHandle(f);
+        WriteFile(f.get(), &h, sizeof h, &w, nullptr);
+        WriteFile(f.get(), body.data(), kBodyBytes, &w, nullptr);
     }
     return true;
 }
@@ -61,21 +65,17 @@ double Seconds(std::chrono::steady_clock::time_point t0) {
 
 // Plain positioned reads of every file, request by request.
 double PlainPass(const std::wstring& root, std::vector<BYTE>& buf) {
-    std::vector<HANDLE> files;
+    std::vector<unique_hfile> files;
     for (int s = kChain; s >= 1; --s)
-        files.push_back(CreateFileW(BitmapPath(root, s).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                    nullptr, OPEN_EXISTING, 0, nullptr));
+        files.emplace_back(CreateFileW(BitmapPath(root, s).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                       nullptr, OPEN_EXISTING, 0, nullptr));
     const auto t0 = std::chrono::steady_clock::now();
     for (ULONGLONG off = 0; off < kBodyBytes; off += kRequest)
-        for (HANDLE f : files) {
-            OVERLAPPED ov{};
-            ov.Offset = static_cast<DWORD>(256 + off);
+        for (const unique_hfile& f : files) {
             DWORD got;
-            ReadFile(f, buf.data(), kRequest, &got, &ov);
+            kx::io::ReadAt(f.get(), 256 + off, buf.data(), kRequest, &got);
         }
-    const double t = Seconds(t0);
-    for (HANDLE f : files) CloseHandle(f);
-    return t;
+    return Seconds(t0);
 }
 
 double UnionPass(IDiskBmpReader* reader, std::vector<BYTE>& raw, unsigned long long* setBits) {
@@ -98,15 +98,16 @@ int wmain(int argc, wchar_t** argv) {
     GetTempPathW(MAX_PATH, tmp);
     const std::wstring root = argc > 1 ? argv[1] : std::wstring(tmp) + L"kx_union_bench";
     CreateDirectoryW(root.c_str(), nullptr);
-    std::printf("union reader: %d bitmap files of %u MiB (a 256 GiB disk), 1 MiB requests\n", kChain,
+    std::printf("union reader: %d bitmap files of %lu MiB (a 256 GiB disk), 1 MiB requests\n", kChain,
                 kBodyBytes >> 20);
     if (!WriteChain(root)) return std::printf("cannot write the bitmap files under %ls\n", root.c_str()), 1;
 
-    IDiskBmpReader* reader = nullptr;
+    IDiskBmpReader* created = nullptr;
     wchar_t disk[64];
     _snwprintf(disk, 64, L"\\VStore\\S%010d\\disk0000000001.zek", kChain);
-    if (DWORD rc = kx::bitmap::GetBitmapReader_IncsFromFull((root + disk).c_str(), 1, &reader))
-        return std::printf("GetBitmapReader_IncsFromFull failed, rc = %lu\n", rc), 1;
+    const DWORD rc = kx::bitmap::GetBitmapReader_IncsFromFull((root + disk).c_str(), 1, &created);
+    kx::unique_released<IDiskBmpReader> reader(created);
+    if (rc) return std::printf("GetBitmapReader_IncsFromFull failed, rc = %lu\n", rc), 1;
 
     std::vector<BYTE> buf(kRequest), raw(DiskBitmapBufferSize(kRequest));
     unsigned long long bits = 0;
@@ -114,9 +115,9 @@ int wmain(int argc, wchar_t** argv) {
     double plain = 1e9, uni = 1e9;
     for (int i = 0; i < 3; ++i) {
         plain = std::min(plain, PlainPass(root, buf));
-        uni = std::min(uni, UnionPass(reader, raw, &bits));
+        uni = std::min(uni, UnionPass(reader.get(), raw, &bits));
     }
-    reader->Release();
+    reader.reset();
     const double mib = double(kChain) * (kBodyBytes >> 20);
     std::printf("plain reads:  %.3f s  %8.0f MiB/s\n", plain, mib / plain);
     std::printf("union reader: %.3f s  %8.0f MiB/s\n", uni, mib / uni);

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <new>
 
-#include "common/file_offset.h"
+#include "common/positioned_io.h"
 #include "common/result_codes.h"
 #include "log/call_frame.h"
 
@@ -13,10 +13,8 @@ namespace kx::bitmap {
 namespace {
 // A read at a file offset; the file pointer plays no part.
 BOOL ReadAt(HANDLE file, ULONGLONG offset, void* data, DWORD size, DWORD* got) {
-    OVERLAPPED ov = AtOffset(offset);
-    *got = 0;
-    if (::ReadFile(file, data, size, got, &ov)) return TRUE;
-    return ::GetLastError() == ERROR_HANDLE_EOF ? TRUE : FALSE;
+    const DWORD rc = io::ReadAt(file, offset, data, size, got);
+    return rc == 0 || rc == ERROR_HANDLE_EOF ? TRUE : FALSE;
 }
 }  // namespace
 

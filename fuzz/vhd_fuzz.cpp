@@ -19,23 +19,20 @@ using kx::vhd::VhdDisk;
 
 namespace {
 
-uint32_t Be32(const uint8_t* p) { return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3]; }
-
-void Reseal(kxnative::Bytes& b, size_t at, size_t size, size_t checksumAt) {
-    if (at > b.size() || b.size() - at < size) return;
-    uint32_t sum = 0;
-    for (size_t i = 0; i < size; ++i)
-        if (i < checksumAt || i >= checksumAt + 4) sum += b[at + i];
-    sum = ~sum;
-    for (int i = 0; i < 4; ++i) b[at + checksumAt + i] = static_cast<uint8_t>(sum >> (24 - 8 * i));
+// Fixes the checksum of the footer or dynamic header at `at`, if it fits.
+template <class Raw>
+void Reseal(kxnative::Bytes& b, uint64_t at) {
+    if (at > b.size() || b.size() - at < sizeof(Raw)) return;
+    Raw raw = kx::vhd::LoadRaw<Raw>(&b[at]);
+    raw.checksum.set(kx::vhd::ChecksumOf(raw));
+    kx::vhd::StoreRaw(&b[at], raw);
 }
 
 void ResealAll(kxnative::Bytes& b) {
-    if (b.size() < 512) return;
-    for (size_t footer : {size_t{0}, b.size() - 512}) {
-        Reseal(b, footer, 512, 64);
-        const uint64_t header = uint64_t{Be32(&b[footer + 16])} << 32 | Be32(&b[footer + 20]);
-        if (header < b.size()) Reseal(b, static_cast<size_t>(header), 1024, 36);
+    if (b.size() < kx::vhd::kFooterSize) return;
+    for (size_t footer : {size_t{0}, b.size() - kx::vhd::kFooterSize}) {
+        Reseal<kx::vhd::RawFooter>(b, footer);
+        Reseal<kx::vhd::RawDynamicHeader>(b, kx::vhd::LoadRaw<kx::vhd::RawFooter>(&b[footer]).dataOffset.get());
     }
 }
 

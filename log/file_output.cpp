@@ -6,7 +6,7 @@
 #include <cwchar>
 #include <cwctype>
 
-#include "common/file_offset.h"
+#include "common/positioned_io.h"
 #include "log/debug_log.h"
 #include "log/log_trace.h"
 
@@ -212,9 +212,8 @@ bool FileOutput::Put(const wchar_t* text, size_t chars, uint64_t* at) noexcept {
         data = narrow;
         bytes = static_cast<DWORD>(n);
     }
-    OVERLAPPED ov = AtOffset(*at);
     DWORD written = 0;
-    if (!::WriteFile(file_.get(), data, bytes, &written, &ov) || written != bytes) {
+    if (io::WriteAt(file_.get(), *at, data, bytes, &written) || written != bytes) {
         Trace(L"Failed to Write log message. ERR=%d, [%d]File=%s\r\n", ::GetLastError(), bytes, path_);
         return false;
     }
@@ -282,8 +281,7 @@ void FileOutput::Write(int level, DWORD error, const wchar_t* message, int thres
         } else if (encoding_ == Encoding::unknown) {
             unsigned char mark[2] = {};
             DWORD got = 0;
-            OVERLAPPED ov = AtOffset(0);
-            ::ReadFile(file_.get(), mark, 2, &got, &ov);
+            io::ReadAt(file_.get(), 0, mark, 2, &got);
             encoding_ = (got == 2 && mark[0] == 0xFF && mark[1] == 0xFE) ? Encoding::unicode : Encoding::narrow;
         }
         SYSTEMTIME now;

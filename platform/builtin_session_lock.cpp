@@ -6,7 +6,6 @@
 #include <new>
 
 #include "common/dest_layout.h"
-#include "common/file_offset.h"
 #include "common/result_codes.h"
 #include "common/unique_resource.h"
 #include "common/wstring_format.h"
@@ -169,7 +168,14 @@ HANDLE OpenForReading(const std::wstring& path) {
                          FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
-OVERLAPPED MarkerPosition() { return AtOffset(kHeldMarkerOffset); }
+// Where the held marker's byte lock sits (LockFileEx takes its range start
+// in an OVERLAPPED).
+OVERLAPPED MarkerPosition() {
+    OVERLAPPED o{};
+    o.Offset = static_cast<DWORD>(kHeldMarkerOffset);
+    o.OffsetHigh = static_cast<DWORD>(kHeldMarkerOffset >> 32);
+    return o;
+}
 
 // True when somebody holds the file `read` was opened on.
 bool IsHeld(HANDLE read) {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "common/file_offset.h"
+#include "common/positioned_io.h"
 
 namespace kx::vdisk {
 namespace {
@@ -17,12 +17,9 @@ vhd::Status Win32PositionedFile::ReadAt(uint64_t offset, void* data, size_t byte
     auto* p = static_cast<BYTE*>(data);
     while (bytes) {
         const DWORD chunk = static_cast<DWORD>(std::min(bytes, kMaxTransfer));
-        OVERLAPPED o = AtOffset(offset);
         DWORD done = 0;
-        if (!::ReadFile(file_.get(), p, chunk, &done, &o)) {
-            const DWORD e = ::GetLastError();
+        if (const DWORD e = io::ReadAt(file_.get(), offset, p, chunk, &done))
             return e == ERROR_HANDLE_EOF ? vhd::kHandleEof : e;
-        }
         if (done == 0) return vhd::kHandleEof;
         p += done, offset += done, bytes -= done;
     }
@@ -33,9 +30,8 @@ vhd::Status Win32PositionedFile::WriteAt(uint64_t offset, const void* data, size
     auto* p = static_cast<const BYTE*>(data);
     while (bytes) {
         const DWORD chunk = static_cast<DWORD>(std::min(bytes, kMaxTransfer));
-        OVERLAPPED o = AtOffset(offset);
         DWORD done = 0;
-        if (!::WriteFile(file_.get(), p, chunk, &done, &o)) return ::GetLastError();
+        if (const DWORD e = io::WriteAt(file_.get(), offset, p, chunk, &done)) return e;
         if (done == 0) return ERROR_WRITE_FAULT;
         p += done, offset += done, bytes -= done;
     }

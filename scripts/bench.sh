@@ -1,11 +1,14 @@
 #!/usr/bin/env bash
 # Runs every benchmark of a build tree under Wine and prints what it reports.
 #   bash scripts/bench.sh [build]     (build folder, default "build")
+# KX_BENCH_ONLY="log_bench zek_bitmap_bench" runs just the benchmarks named.
 # Benchmarks print figures only; nothing here judges them.
 # The bitmap-file benchmark writes about 4.5 GB of disk images into
 # KX_BENCH_WORK (a temporary folder unless set; a kept folder is reused and
-# saves the 2 minutes of making them) and, as an outside reference, times
-# qemu-img reading the same images' allocation maps.
+# saves the 2 minutes of making them) and, as outside references, times
+# qemu-img reading the same images' allocation maps and a native Linux program
+# (bench/native/pread_floor.cpp, built here with the host compiler) doing the
+# floor's reads with pread.
 set -euo pipefail
 build=${1:-build}
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -25,10 +28,18 @@ fi
 mkdir -p "$work"
 wine_work="Z:${work//\//\\}"
 
-qemu_reference() {
-  command -v qemu-img >/dev/null || return 0
+pread_floor=""
+cxx=${HOST_CXX:-$(command -v clang++ || command -v g++ || true)}
+if [ -n "$cxx" ]; then
+  pread_floor="$work/pread_floor"
+  "$cxx" -O2 -std=c++20 -I"$here/.." "$here/../bench/native/pread_floor.cpp" -o "$pread_floor" || pread_floor=""
+fi
+
+references() {
   local zek
   for zek in "$work"/VStore/S0000000001/*.zek; do
+    [ -n "$pread_floor" ] && printf 'reference: %s: %s\n' "$(basename "$zek")" "$("$pread_floor" "$zek")"
+    command -v qemu-img >/dev/null || continue
     local start ms
     start=$(date +%s%N)
     qemu-img map --output=json --image-opts "driver=vpc,force_size_calc=current_size,file.filename=$zek" >/dev/null
@@ -40,6 +51,7 @@ qemu_reference() {
 status=0
 for exe in "${benches[@]}"; do
   name=$(basename "$exe" .exe)
+  if [ -n "${KX_BENCH_ONLY:-}" ] && [[ " $KX_BENCH_ONLY " != *" $name "* ]]; then continue; fi
   echo "== $name"
   args=()
   [ "$name" = zek_bitmap_bench ] && args=("$wine_work" --keep)
@@ -47,7 +59,7 @@ for exe in "${benches[@]}"; do
     echo "bench.sh: $(basename "$exe") failed" >&2
     status=1
   fi
-  [ "$name" = zek_bitmap_bench ] && qemu_reference
+  [ "$name" = zek_bitmap_bench ] && references
   echo
 done
 exit $status

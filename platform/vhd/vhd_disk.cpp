@@ -106,14 +106,14 @@ Status VhdDisk::LoadDynamic() {
     if (table < kFooterSize || table > dataLimit_ || (dataLimit_ - table) / 4 < blocks)
         return kBlockAllocationTableCorrupt;
 
-    std::vector<uint8_t> raw_bat;
+    std::vector<Be32> raw_bat;
     try {
-        raw_bat.resize(static_cast<size_t>(blocks) * 4);
+        raw_bat.resize(static_cast<size_t>(blocks));
         bat_.resize(static_cast<size_t>(blocks));
     } catch (...) {
         return kOutOfMemory;
     }
-    if (Status s = file_->ReadAt(table, raw_bat.data(), raw_bat.size())) return s;
+    if (Status s = file_->ReadAt(table, raw_bat.data(), raw_bat.size() * sizeof(Be32))) return s;
 
     // Every allocated block lies after the header and the table, inside the
     // data area, and no two blocks share a byte.
@@ -121,7 +121,7 @@ Status VhdDisk::LoadDynamic() {
     const uint64_t metadataEnd = std::max(at + kDynamicHeaderSize, table + blocks * 4);
     std::vector<uint32_t> starts;
     for (size_t i = 0; i < bat_.size(); ++i) {
-        const uint32_t e = LoadBe32(&raw_bat[i * 4]);
+        const uint32_t e = raw_bat[i].get();
         bat_[i] = e;
         if (e == kUnallocated) continue;
         const uint64_t start = uint64_t{e} * kSectorSize;
@@ -257,9 +257,9 @@ Status VhdDisk::AllocateBlock(uint32_t block) {
     uint8_t footer[kFooterSize];
     EncodeFooter(&footer_, footer);
     if (Status s = file_->WriteAt(end, footer, kFooterSize)) return s;
-    uint8_t entry[4];
-    StoreBe32(entry, static_cast<uint32_t>(start / kSectorSize));
-    if (Status s = file_->WriteAt(header_.tableOffset + uint64_t{block} * 4, entry, 4)) return s;
+    Be32 entry;
+    entry.set(static_cast<uint32_t>(start / kSectorSize));
+    if (Status s = file_->WriteAt(header_.tableOffset + uint64_t{block} * sizeof entry, &entry, sizeof entry)) return s;
     bat_[block] = static_cast<uint32_t>(start / kSectorSize);
     dataLimit_ = end;
     fileSize_ = end + kFooterSize;

@@ -1,13 +1,16 @@
 // The on-disk structures of a VHD file: the 512-byte footer, the 1024-byte
 // dynamic disk header with its parent locators, and the CHS geometry rule.
-// Every field is big-endian on disk; these helpers decode into host structs
-// and encode back, with the format's one's-complement checksums.
+// Every field is big-endian on disk: the Raw* structs below have the file's
+// exact layout, and the helpers decode them into host structs and encode
+// back, with the format's one's-complement checksums.
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
+#include "platform/vhd/big_endian.h"
 #include "platform/vhd/vhd_status.h"
 
 namespace kx::vhd {
@@ -76,16 +79,74 @@ struct DynamicHeader {
     std::array<ParentLocator, 8> locators{};
 };
 
+// The structures as they lie in the file.
+struct RawFooter {
+    char cookie[8];
+    Be32 features;
+    Be32 version;
+    Be64 dataOffset;
+    Be32 timestamp;
+    Be32 creatorApp;
+    Be32 creatorVersion;
+    Be32 creatorHost;
+    Be64 originalSize;
+    Be64 currentSize;
+    Be16 cylinders;
+    uint8_t heads;
+    uint8_t sectorsPerTrack;
+    Be32 diskType;
+    Be32 checksum;
+    uint8_t uniqueId[16];
+    uint8_t savedState;
+    uint8_t reserved[427];
+};
+static_assert(sizeof(RawFooter) == kFooterSize && alignof(RawFooter) == 1);
+static_assert(offsetof(RawFooter, dataOffset) == 16 && offsetof(RawFooter, currentSize) == 48 &&
+              offsetof(RawFooter, cylinders) == 56 && offsetof(RawFooter, diskType) == 60 &&
+              offsetof(RawFooter, checksum) == 64 && offsetof(RawFooter, uniqueId) == 68 &&
+              offsetof(RawFooter, savedState) == 84);
+
+struct RawParentLocator {
+    Be32 platformCode;
+    Be32 dataSpace;
+    Be32 dataLength;
+    uint8_t reserved[4];
+    Be64 dataOffset;
+};
+static_assert(sizeof(RawParentLocator) == 24 && offsetof(RawParentLocator, dataOffset) == 16);
+
+struct RawDynamicHeader {
+    char cookie[8];
+    Be64 dataOffset;
+    Be64 tableOffset;
+    Be32 version;
+    Be32 maxTableEntries;
+    Be32 blockSize;
+    Be32 checksum;
+    uint8_t parentUniqueId[16];
+    Be32 parentTimestamp;
+    uint8_t reserved1[4];
+    Be16 parentName[256];
+    RawParentLocator locators[8];
+    uint8_t reserved2[256];
+};
+static_assert(sizeof(RawDynamicHeader) == kDynamicHeaderSize && alignof(RawDynamicHeader) == 1);
+static_assert(offsetof(RawDynamicHeader, tableOffset) == 16 && offsetof(RawDynamicHeader, version) == 24 &&
+              offsetof(RawDynamicHeader, maxTableEntries) == 28 && offsetof(RawDynamicHeader, blockSize) == 32 &&
+              offsetof(RawDynamicHeader, checksum) == 36 && offsetof(RawDynamicHeader, parentUniqueId) == 40 &&
+              offsetof(RawDynamicHeader, parentTimestamp) == 56 && offsetof(RawDynamicHeader, parentName) == 64 &&
+              offsetof(RawDynamicHeader, locators) == 576);
+
+// One's complement of the byte sum, the checksum field counted as zero.
+uint32_t ChecksumOf(const RawFooter& raw);
+uint32_t ChecksumOf(const RawDynamicHeader& raw);
+
 // Decoding checks the cookie, then the checksum, then the version; the
 // remaining fields are the caller's to validate.
 Status DecodeFooter(const uint8_t (&raw)[kFooterSize], Footer* footer);
 void EncodeFooter(Footer* footer, uint8_t (&raw)[kFooterSize]);  // fills in the checksum
 Status DecodeDynamicHeader(const uint8_t (&raw)[kDynamicHeaderSize], DynamicHeader* header);
 void EncodeDynamicHeader(DynamicHeader* header, uint8_t (&raw)[kDynamicHeaderSize]);
-
-// Big-endian field access, shared with the BAT code.
-uint32_t LoadBe32(const uint8_t* p);
-void StoreBe32(uint8_t* p, uint32_t v);
 
 // UTF-16LE bytes of a locator, and back.
 std::u16string DecodeUtf16Le(const uint8_t* data, size_t bytes);

@@ -72,15 +72,14 @@ TEST(VhdChain, BrokenChainsGiveTheirCodes) {
     EXPECT_EQ(OpenPosix(dir / "top.vhd", false, &disk), kx::vhd::kParentNotFound);
 
     // Another disk of the same size under the parent's name.
-    ASSERT_EQ(CreatePosix(dir / "base.vhd", DiskType::kDynamic, GetBe(base, 48, 8), &disk), 0u);
+    const uint64_t size = GetRaw<kx::vhd::RawFooter>(base, base.size() - kSector).currentSize.get();
+    ASSERT_EQ(CreatePosix(dir / "base.vhd", DiskType::kDynamic, size, &disk), 0u);
     EXPECT_EQ(OpenPosix(dir / "top.vhd", false, &disk), kx::vhd::kChildParentIdMismatch);
 
     // The right parent, but of another size.
     Bytes resized = base;
-    for (size_t at : {size_t{0}, resized.size() - kSector}) {
-        SetBe(resized, at + 48, 8, GetBe(base, 48, 8) - kSector);
-        Reseal(resized, at, kSector, 64);
-    }
+    for (size_t at : {size_t{0}, resized.size() - kSector})
+        EditRaw<kx::vhd::RawFooter>(resized, at, [&](kx::vhd::RawFooter& f) { f.currentSize.set(size - kSector); });
     WriteFile(dir / "base.vhd", resized);
     EXPECT_EQ(OpenPosix(dir / "top.vhd", false, &disk), kx::vhd::kChildParentSizeMismatch);
 

@@ -45,8 +45,11 @@ TEST(VhdGeometry, SizeComesFromTheFooterNotTheGeometry) {
     disk.reset();
 
     Bytes image = mem.Get(u"/d.vhd");
-    SetBe(image, image.size() - kSector + 56, 4, 0x00010101);  // 1 cylinder, 1 head, 1 sector
-    Reseal(image, image.size() - kSector, kSector, 64);
+    EditRaw<kx::vhd::RawFooter>(image, image.size() - kSector, [](kx::vhd::RawFooter& f) {
+        f.cylinders.set(1);  // 1 cylinder, 1 head, 1 sector
+        f.heads = 1;
+        f.sectorsPerTrack = 1;
+    });
     mem.Put(u"/d.vhd", image);
     std::unique_ptr<kx::vhd::PositionedFile> file;
     ASSERT_EQ(mem.Open(u"/d.vhd", false, &file), 0u);

@@ -9,6 +9,8 @@ namespace {
 
 using Mem = kxnative::MemoryFileSystem;
 namespace v = kx::vhd;
+using F = v::RawFooter;
+using H = v::RawDynamicHeader;
 
 constexpr uint64_t kDiskSize = 64 * 1024;  // 16 blocks of 4 KiB
 constexpr size_t kHeader = 512;
@@ -52,19 +54,18 @@ struct Images {
 
 // Applies `edit` to both copies of the footer (the front one only where the
 // file has it) and reseals their checksums.
-void EditFooters(Bytes& b, const std::function<void(size_t)>& edit, bool reseal = true) {
+void EditFooters(Bytes& b, const std::function<void(F&)>& edit, bool reseal = true) {
     std::vector<size_t> at = {b.size() - kSector};
     if (b.size() > 2 * kSector && memcmp(b.data(), &b[b.size() - kSector], 8) == 0) at.push_back(0);
-    for (size_t a : at) {
-        edit(a);
-        if (reseal) Reseal(b, a, kSector, 64);
-    }
+    for (size_t a : at) EditRaw<F>(b, a, edit, reseal);
 }
-void EditHeader(Bytes& b, const std::function<void(size_t)>& edit, bool reseal = true) {
-    edit(kHeader);
-    if (reseal) Reseal(b, kHeader, 1024, 36);
+size_t Table(const Bytes& b) { return static_cast<size_t>(GetRaw<H>(b, kHeader).tableOffset.get()); }
+
+// An edit that sets one big-endian field of a footer or header.
+template <class Raw, class T>
+std::function<void(Raw&)> Set(v::BigEndian<T> Raw::*field, uint64_t value) {
+    return [=](Raw& r) { (r.*field).set(static_cast<T>(value)); };
 }
-size_t Table(const Bytes& b) { return static_cast<size_t>(GetBe(b, kHeader + 16, 8)); }
 
 struct Case {
     const char* name;
@@ -74,46 +75,42 @@ struct Case {
 };
 
 TEST(VhdHostile, DamagedImagesGiveTheirCodes) {
-    auto footerField = [](size_t off, int width, uint64_t value) {
-        return [=](Bytes& b) { EditFooters(b, [&](size_t a) { SetBe(b, a + off, width, value); }); };
-    };
-    auto headerField = [](size_t off, int width, uint64_t value) {
-        return [=](Bytes& b) { EditHeader(b, [&](size_t a) { SetBe(b, a + off, width, value); }); };
-    };
+    auto footer = [](std::function<void(F&)> edit) { return [=](Bytes& b) { EditFooters(b, edit); }; };
+    auto header = [](std::function<void(H&)> edit) { return [=](Bytes& b) { EditRaw<H>(b, kHeader, edit); }; };
     auto batEntry = [](size_t i, std::function<uint32_t(const Bytes&)> value) {
-        return [=](Bytes& b) { SetBe(b, Table(b) + 4 * i, 4, value(b)); };
+        return [=](Bytes& b) { SetBatEntry(b, Table(b), i, value(b)); };
     };
-    auto entry = [](size_t i) { return [=](const Bytes& b) { return static_cast<uint32_t>(GetBe(b, Table(b) + 4 * i, 4)); }; };
+    auto entry = [](size_t i) { return [=](const Bytes& b) { return BatEntry(b, Table(b), i); }; };
     const uint64_t huge = v::kMaxDiskSize;
     const std::vector<Case> cases = {
         {"Empty", 'd', [](Bytes& b) { b.clear(); }, v::kFooterMissing},
         {"ShorterThanAFooter", 'd', [](Bytes& b) { b.resize(100); }, v::kFooterMissing},
-        {"NoCookie", 'd', [](Bytes& b) { EditFooters(b, [&](size_t a) { b[a] = 'X'; }, false); }, v::kFooterMissing},
-        {"BadChecksum", 'd', [](Bytes& b) { EditFooters(b, [&](size_t a) { b[a + 64] ^= 1; }, false); },
+        {"NoCookie", 'd', [](Bytes& b) { EditFooters(b, [](F& f) { f.cookie[0] = 'X'; }, false); }, v::kFooterMissing},
+        {"BadChecksum", 'd', [](Bytes& b) { EditFooters(b, [](F& f) { f.checksum.bytes[0] ^= 1; }, false); },
          v::kFooterChecksumMismatch},
         {"FixedNoCookie", 'f', [](Bytes& b) { b[b.size() - kSector] = 'X'; }, v::kFooterMissing},
         {"FixedBadChecksum", 'f', [](Bytes& b) { b[b.size() - 1] ^= 1; }, v::kFooterChecksumMismatch},
-        {"Version2", 'd', footerField(12, 4, 0x00020000), v::kFormatUnsupportedVersion},
-        {"Type1", 'd', footerField(60, 4, 1), v::kInvalidType},
-        {"Type5", 'd', footerField(60, 4, 5), v::kInvalidType},
-        {"SizeZero", 'd', footerField(48, 8, 0), v::kInvalidSize},
-        {"SizeNotSectors", 'd', footerField(48, 8, 1000), v::kInvalidSize},
-        {"SizeTooLarge", 'd', footerField(48, 8, huge + kSector), v::kInvalidSize},
-        {"FixedFileTooShort", 'f', footerField(48, 8, 2 * kDiskSize), v::kInvalidFileSize},
-        {"NoDataOffset", 'd', footerField(16, 8, ~0ull), v::kFooterCorrupt},
-        {"DataOffsetZero", 'd', footerField(16, 8, 0), v::kFooterCorrupt},
-        {"DataOffsetAtFooter", 'd', [&](Bytes& b) { footerField(16, 8, b.size() - kSector)(b); }, v::kFooterCorrupt},
+        {"Version2", 'd', footer(Set(&F::version, 0x00020000)), v::kFormatUnsupportedVersion},
+        {"Type1", 'd', footer(Set(&F::diskType, 1)), v::kInvalidType},
+        {"Type5", 'd', footer(Set(&F::diskType, 5)), v::kInvalidType},
+        {"SizeZero", 'd', footer(Set(&F::currentSize, 0)), v::kInvalidSize},
+        {"SizeNotSectors", 'd', footer(Set(&F::currentSize, 1000)), v::kInvalidSize},
+        {"SizeTooLarge", 'd', footer(Set(&F::currentSize, huge + kSector)), v::kInvalidSize},
+        {"FixedFileTooShort", 'f', footer(Set(&F::currentSize, 2 * kDiskSize)), v::kInvalidFileSize},
+        {"NoDataOffset", 'd', footer(Set(&F::dataOffset, ~0ull)), v::kFooterCorrupt},
+        {"DataOffsetZero", 'd', footer(Set(&F::dataOffset, 0)), v::kFooterCorrupt},
+        {"DataOffsetAtFooter", 'd', [&](Bytes& b) { footer(Set(&F::dataOffset, b.size() - kSector))(b); }, v::kFooterCorrupt},
         {"HeaderCookie", 'd', [](Bytes& b) { b[kHeader + 1] = 'X'; }, v::kSparseHeaderCorrupt},
         {"HeaderChecksum", 'd', [](Bytes& b) { b[kHeader + 40] ^= 1; }, v::kSparseHeaderChecksumMismatch},
-        {"HeaderVersion", 'd', headerField(24, 4, 0x00020000), v::kSparseHeaderUnsupportedVersion},
-        {"BlockSizeZero", 'd', headerField(32, 4, 0), v::kInvalidBlockSize},
-        {"BlockSizeOdd", 'd', headerField(32, 4, 6144), v::kInvalidBlockSize},
-        {"BlockSizeSmall", 'd', headerField(32, 4, 2048), v::kInvalidBlockSize},
-        {"BlockSizeHuge", 'd', headerField(32, 4, 512u << 20), v::kInvalidBlockSize},
-        {"TooFewEntries", 'd', headerField(28, 4, 15), v::kBlockAllocationTableCorrupt},
-        {"TableAtZero", 'd', headerField(16, 8, 0), v::kBlockAllocationTableCorrupt},
-        {"TablePastEnd", 'd', headerField(16, 8, 1ull << 40), v::kBlockAllocationTableCorrupt},
-        {"TableRunsPastEnd", 'd', [&](Bytes& b) { headerField(16, 8, b.size() - kSector - 32)(b); }, v::kBlockAllocationTableCorrupt},
+        {"HeaderVersion", 'd', header(Set(&H::version, 0x00020000)), v::kSparseHeaderUnsupportedVersion},
+        {"BlockSizeZero", 'd', header(Set(&H::blockSize, 0)), v::kInvalidBlockSize},
+        {"BlockSizeOdd", 'd', header(Set(&H::blockSize, 6144)), v::kInvalidBlockSize},
+        {"BlockSizeSmall", 'd', header(Set(&H::blockSize, 2048)), v::kInvalidBlockSize},
+        {"BlockSizeHuge", 'd', header(Set(&H::blockSize, 512u << 20)), v::kInvalidBlockSize},
+        {"TooFewEntries", 'd', header(Set(&H::maxTableEntries, 15)), v::kBlockAllocationTableCorrupt},
+        {"TableAtZero", 'd', header(Set(&H::tableOffset, 0)), v::kBlockAllocationTableCorrupt},
+        {"TablePastEnd", 'd', header(Set(&H::tableOffset, 1ull << 40)), v::kBlockAllocationTableCorrupt},
+        {"TableRunsPastEnd", 'd', [&](Bytes& b) { header(Set(&H::tableOffset, b.size() - kSector - 32))(b); }, v::kBlockAllocationTableCorrupt},
         {"EntryPastEnd", 'd', batEntry(1, [](const Bytes&) { return 0x10000u; }), v::kBlockAllocationTableCorrupt},
         // Block 0 moved over the header, or over the table, clear of other blocks.
         {"EntryInHeader", 'd', batEntry(0, [](const Bytes&) { return 1u; }), v::kBlockAllocationTableCorrupt},
@@ -126,26 +123,24 @@ TEST(VhdHostile, DamagedImagesGiveTheirCodes) {
         // Sizes whose tables would be gigabytes: refused before any allocation.
         {"AbsurdSizeSmallBlocks", 'd',
          [&](Bytes& b) {
-             footerField(48, 8, huge)(b);
-             headerField(28, 4, huge / 4096)(b);
+             footer(Set(&F::currentSize, huge))(b);
+             header(Set(&H::maxTableEntries, huge / 4096))(b);
          },
          v::kBlockAllocationTableCorrupt},
         {"AbsurdSizeAbsurdTable", 'd',
          [&](Bytes& b) {
-             footerField(48, 8, huge)(b);
-             headerField(28, 4, ~0u)(b);
+             footer(Set(&F::currentSize, huge))(b);
+             header(Set(&H::maxTableEntries, ~0u))(b);
          },
          v::kBlockAllocationTableCorrupt},
-        {"LocatorTooLong", 'c', headerField(576 + 8, 4, 0x7FFFFFFF), v::kSparseHeaderCorrupt},
-        {"LocatorPastEnd", 'c', headerField(576 + 16, 8, 1ull << 40), v::kSparseHeaderCorrupt},
-        {"LocatorOffsetWraps", 'c', headerField(576 + 16, 8, ~0ull - 4), v::kSparseHeaderCorrupt},
+        {"LocatorTooLong", 'c', header([](H& h) { h.locators[0].dataLength.set(0x7FFFFFFF); }), v::kSparseHeaderCorrupt},
+        {"LocatorPastEnd", 'c', header([](H& h) { h.locators[0].dataOffset.set(1ull << 40); }), v::kSparseHeaderCorrupt},
+        {"LocatorOffsetWraps", 'c', header([](H& h) { h.locators[0].dataOffset.set(~0ull - 4); }), v::kSparseHeaderCorrupt},
         {"NoWayToTheParent", 'c',
-         [&](Bytes& b) {
-             EditHeader(b, [&](size_t a) {
-                 for (size_t i = 0; i < 8; ++i) SetBe(b, a + 576 + 24 * i, 4, 0);
-                 std::fill(b.begin() + a + 64, b.begin() + a + 576, 0);
-             });
-         },
+         header([](H& h) {
+             for (v::RawParentLocator& l : h.locators) l.platformCode.set(0);
+             std::memset(h.parentName, 0, sizeof h.parentName);
+         }),
          v::kParentNotFound},
         // Recoverable: the trailing footer lost or cut off, the front copy
         // remains.

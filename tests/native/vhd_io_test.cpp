@@ -162,8 +162,8 @@ TEST(VhdBitmap, ReportsSectorsPresentInThisFileOnly) {
     // On disk the block bitmap is most significant bit first: sectors 0, 3..7
     // and 8..12 of block 0 are 0x9F 0xF8.
     const Bytes raw = ReadFile(dir / "c.vhd");
-    const uint64_t table = GetBe(raw, 512 + 16, 8);
-    const uint64_t block0 = GetBe(raw, table, 4) * kSector;
+    const uint64_t table = GetRaw<kx::vhd::RawDynamicHeader>(raw, 512).tableOffset.get();
+    const uint64_t block0 = uint64_t{BatEntry(raw, table, 0)} * kSector;
     EXPECT_EQ(raw.at(block0), 0x9F);
     EXPECT_EQ(raw.at(block0 + 1), 0xF8);
 

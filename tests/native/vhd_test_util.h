@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -113,20 +114,34 @@ inline void WriteFile(const std::string& path, const Bytes& bytes) {
     out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
-// Big-endian fields of raw structures, and their one's-complement checksum.
-inline uint64_t GetBe(const Bytes& b, size_t at, int width) {
-    uint64_t v = 0;
-    for (int i = 0; i < width; ++i) v = v << 8 | b.at(at + i);
-    return v;
+// Raw structures of an image (footer, dynamic header, a BAT entry) copied
+// out of it and back, bounds-checked.
+template <class Raw>
+Raw GetRaw(const Bytes& b, size_t at) {
+    if (at > b.size() || b.size() - at < sizeof(Raw)) throw std::out_of_range("raw structure past the image");
+    return kx::vhd::LoadRaw<Raw>(&b[at]);
 }
-inline void SetBe(Bytes& b, size_t at, int width, uint64_t v) {
-    for (int i = width - 1; i >= 0; --i, v >>= 8) b.at(at + i) = static_cast<uint8_t>(v);
+template <class Raw>
+void PutRaw(Bytes& b, size_t at, const Raw& raw) {
+    if (at > b.size() || b.size() - at < sizeof(Raw)) throw std::out_of_range("raw structure past the image");
+    kx::vhd::StoreRaw(&b[at], raw);
 }
-inline void Reseal(Bytes& b, size_t start, size_t size, size_t checksumAt) {
-    SetBe(b, start + checksumAt, 4, 0);
-    uint32_t sum = 0;
-    for (size_t i = 0; i < size; ++i) sum += b.at(start + i);
-    SetBe(b, start + checksumAt, 4, ~sum);
+// Applies `edit` to the footer or dynamic header at `at` and, unless told
+// otherwise, fixes its checksum.
+template <class Raw, class Edit>
+void EditRaw(Bytes& b, size_t at, Edit&& edit, bool reseal = true) {
+    Raw raw = GetRaw<Raw>(b, at);
+    edit(raw);
+    if (reseal) raw.checksum.set(kx::vhd::ChecksumOf(raw));
+    PutRaw(b, at, raw);
+}
+inline uint32_t BatEntry(const Bytes& b, size_t table, size_t i) {
+    return GetRaw<kx::vhd::Be32>(b, table + 4 * i).get();
+}
+inline void SetBatEntry(Bytes& b, size_t table, size_t i, uint32_t entry) {
+    kx::vhd::Be32 raw;
+    raw.set(entry);
+    PutRaw(b, table + 4 * i, raw);
 }
 
 inline int RunCommand(const std::string& cmd, std::string* output = nullptr) {

@@ -2,7 +2,6 @@
 
 #include <cstring>
 
-#include "common/folder_ops.h"
 #include "common/unicode_ini.h"
 #include "kx_test.h"
 
@@ -37,25 +36,4 @@ TEST(UnicodeIni, MissingFolderIsNotAnErrorAndNullIs) {
     EXPECT_FALSE(kxtest::Exists(ini));
     EXPECT_TRUE(log.Contains(L"_CreateIniWithUnicodePrefix::Create failed, file = " + ini + L", rc = 0"));
     EXPECT_EQ(kx::_CreateIniWithUnicodePrefix(nullptr), 0x80070057u);
-}
-
-TEST(CopyFolder, CopiesTreeOverwritingAndReportsFailure) {
-    ScratchDir src, dst;
-    kxtest::MakeDirs(src / L"a\\b");
-    kxtest::WriteText(src / L"top.txt", "top");
-    kxtest::WriteText(src / L"a\\mid.txt", "mid");
-    kxtest::WriteText(src / L"a\\b\\deep.txt", "deep");
-    kxtest::MakeDirs(dst / L"a");
-    kxtest::WriteText(dst / L"a\\mid.txt", "old");
-
-    kxtest::LogCursor log;
-    ASSERT_EQ(kx::CopyFolderTree(src.path(), dst.path()), 0u);
-    EXPECT_EQ(kxtest::ReadBytes(dst / L"a\\mid.txt"), kxtest::ReadBytes(src / L"a\\mid.txt"));
-    EXPECT_EQ(kxtest::ReadBytes(dst / L"a\\b\\deep.txt").size(), 4u);
-    EXPECT_TRUE(log.Contains(L"CopyFile [" + src.path() + L"\\top.txt] --> [" + dst.path() + L"\\top.txt]"));
-
-    // A target folder that is missing: the HRESULT of the failed copy.
-    const DWORD hr = kx::CopyFolderFiles(src.path() + L"\\", dst / L"gone");
-    EXPECT_EQ(hr, 0x80070003u);
-    EXPECT_TRUE(log.Contains(L"CopyFile failed [" + src.path() + L"\\top.txt]"));
 }

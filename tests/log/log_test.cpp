@@ -21,6 +21,7 @@
 #include "kx_version.h"
 #include "log/debug_log.h"
 #include "log/logger.h"
+#include "test_run.h"
 
 namespace {
 
@@ -335,10 +336,11 @@ TEST(LogFile, OtherWritersCannotHangTheCaller) {
 }
 
 TEST(DebugLog, LibraryLogUnderInstallPath) {
-    // The test programs register C:\KxTest\install with detail logging.
-    EXPECT_EQ(kx::log::Folder(), L"C:\\KxTest\\install\\Logs");
+    // Each test run registers an install folder of its own with detail logging.
+    const std::wstring logs = kxtest::CurrentRun().install() + L"\\Logs";
+    EXPECT_EQ(kx::log::Folder(), logs);
     const std::wstring file = kx::log::CurrentFile();
-    EXPECT_EQ(file.rfind(L"C:\\KxTest\\install\\Logs\\KestrixHA.", 0), 0u) << kxtest::Narrow(file);
+    EXPECT_EQ(file.rfind(logs + L"\\KestrixHA.", 0), 0u) << kxtest::Narrow(file);
     EXPECT_EQ(kx::log::Threshold(), 4);
     kxtest::LogCursor cursor;
     kx::LogErr(0, 5, L"debug log test %s", L"line");

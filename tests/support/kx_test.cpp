@@ -8,30 +8,10 @@
 
 #include "common/unique_resource.h"
 #include "log/debug_log.h"
+#include "test_run.h"
 
 namespace kxtest {
 
-namespace {
-void ClearAndDelete(const std::wstring& folder) {
-    WIN32_FIND_DATAW fd;
-    kx::unique_hfind f(::FindFirstFileW((folder + L"\\*").c_str(), &fd));
-    if (f) {
-        do {
-            std::wstring name = fd.cFileName;
-            if (name == L"." || name == L"..") continue;
-            std::wstring p = folder + L"\\" + name;
-            ::SetFileAttributesW(p.c_str(), FILE_ATTRIBUTE_NORMAL);
-            if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-                ClearAndDelete(p);
-            else
-                ::DeleteFileW(p.c_str());
-        } while (::FindNextFileW(f.get(), &fd));
-    }
-    f.reset();
-    ::SetFileAttributesW(folder.c_str(), FILE_ATTRIBUTE_NORMAL);
-    ::RemoveDirectoryW(folder.c_str());
-}
-}  // namespace
 
 ScratchDir::ScratchDir() {
     wchar_t tmp[MAX_PATH];
@@ -44,7 +24,7 @@ ScratchDir::ScratchDir() {
     if (!::CreateDirectoryW(path_.c_str(), nullptr)) throw std::runtime_error("cannot create scratch folder");
 }
 
-ScratchDir::~ScratchDir() { ClearAndDelete(path_); }
+ScratchDir::~ScratchDir() { RemoveTree(path_); }
 
 void RegValueOverride::Save() {
     kx::unique_hkey key;
@@ -210,23 +190,6 @@ std::vector<LogLine> LogCursor::Matching(const std::wstring& needle) const {
     for (auto& l : Lines())
         if (l.text.find(needle) != std::wstring::npos) out.push_back(l);
     return out;
-}
-
-DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs) {
-    STARTUPINFOW si{};
-    si.cb = sizeof si;
-    PROCESS_INFORMATION pi{};
-    std::wstring cmd = commandLine;
-    if (!::CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi))
-        return 0xFFFFFFFF;
-    kx::unique_handle process(pi.hProcess), thread(pi.hThread);
-    if (::WaitForSingleObject(process.get(), timeoutMs) != WAIT_OBJECT_0) {
-        ::TerminateProcess(process.get(), 0xFFFFFFFE);
-        return 0xFFFFFFFE;
-    }
-    DWORD code = 0;
-    ::GetExitCodeProcess(process.get(), &code);
-    return code;
 }
 
 DWORD RunCapture(const std::wstring& commandLine, std::string* output, DWORD timeoutMs) {

@@ -98,8 +98,6 @@ private:
 inline const wchar_t* kDebugKey = L"SOFTWARE\\Veltrana\\Quillon\\Engine\\Debug";
 inline const wchar_t* kInstallPathKey = L"SOFTWARE\\Veltrana\\Quillon\\Engine\\InstallPath";
 
-// Runs a program and returns its exit code (0xFFFFFFFF when it can't start).
-DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs = 120000);
 // Runs a program with stdout and stderr captured (UTF-8 text), returns its
 // exit code.
 DWORD RunCapture(const std::wstring& commandLine, std::string* output, DWORD timeoutMs = 300000);

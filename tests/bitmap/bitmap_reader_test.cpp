@@ -56,10 +56,8 @@ TEST(BitmapReader, ServesRangesWithAlignmentAndValidCount) {
     ASSERT_EQ(r->GetBitmap(61, 16, b.get()), 0u);
     EXPECT_EQ(b.get()->startingSector, 56);
     EXPECT_EQ(b.get()->sectorCount, 5);
-    kxtest::LogCursor log;
     EXPECT_EQ(r->GetBitmap(62, 16, b.get()), 87u);
     EXPECT_EQ(r->GetBitmap(-1, 16, b.get()), 87u);
-    EXPECT_TRUE(log.Contains(L"CDiskBmpFileRD::GetBitmap, starting_sec < 0 || > total_secs, starting = 0x3E"));
     EXPECT_EQ(r->GetBitmap(0, 16, nullptr), 0x80070057u);
 }
 
@@ -85,7 +83,6 @@ TEST(BitmapReader, BadFilesGiveTheirCodes) {
     ASSERT_EQ(rc, 0u);
     Buffer b(64);
     EXPECT_EQ(r->GetBitmap(0, 64, b.get()), 0xFFFFFFFFu);
-    EXPECT_TRUE(log.Contains(L"CDiskBmpFileRD::GetBitmap, ToRead != cbRead, startoffset = 32, cbToRead = 13, cbRead = 0"));
 
     // A truncated body: total_secs larger than what the file holds.
     kxtest::WriteBitmapFile(d / L"trunc.Bitmap", 1000, std::vector<uint8_t>(100, 0xFF));

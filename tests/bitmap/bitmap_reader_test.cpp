@@ -27,26 +27,17 @@ struct Buffer {
 
 }  // namespace
 
-TEST(BitmapReader, ServesRangesWithAlignmentAndValidCount) {
+// Requests anywhere in real bitmaps are checked in vhd_destination_test;
+// here the edges: the last partial byte, the end itself, and bad arguments.
+TEST(BitmapReader, EdgesOfTheRange) {
     ScratchDir d;
     // 61 sectors: 8 bytes of body, the last byte holds 5 valid bits.
-    const std::vector<uint8_t> body = {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x1F};
-    kxtest::WriteBitmapFile(d / L"a.Bitmap", 61, body);
+    kxtest::WriteBitmapFile(d / L"a.Bitmap", 61, {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x1F});
     DWORD rc;
     Reader r = Open(d / L"a.Bitmap", &rc);
     ASSERT_EQ(rc, 0u);
-    LONGLONG total = 0;
-    EXPECT_EQ(r->GetTotalSectors(&total), 0u);
-    EXPECT_EQ(total, 61);
     EXPECT_EQ(r->GetTotalSectors(nullptr), 0x80070057u);
-
     Buffer b(16);
-    // Start 13 serves from sector 8: the byte that holds sectors 8..15 first.
-    ASSERT_EQ(r->GetBitmap(13, 3, b.get()), 0u);
-    EXPECT_EQ(b.get()->startingSector, 8);
-    EXPECT_EQ(b.get()->sectorCount, 24);
-    EXPECT_EQ(b.raw[16], 0x02);
-    EXPECT_EQ(b.raw[18], 0x04);
     // Asking past the end: only the bytes that exist, the count stops at the last sector.
     ASSERT_EQ(r->GetBitmap(40, 16, b.get()), 0u);
     EXPECT_EQ(b.get()->startingSector, 40);

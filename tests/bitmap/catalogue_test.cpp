@@ -95,20 +95,6 @@ TEST(BitmapCatalogue, DeleteAllMarksSessionZero) {
     EXPECT_EQ(DeleteSessionBitmap(nullptr, nullptr), 87u);
 }
 
-TEST(BitmapCatalogue, ObsoleteWhenAFullSessionLiesInTheRange) {
-    ScratchDir d;
-    Prepare(d.path(), {7, 8, 9, 10});
-    EXPECT_EQ(DetectAndRemoveObsolteBitmap(d.path().c_str(), S(7).c_str(), S(7).c_str()), 0u);
-    // All incremental: nothing removed.
-    EXPECT_EQ(DetectAndRemoveObsolteBitmap(d.path().c_str(), S(7).c_str(), S(9).c_str()), 0u);
-    EXPECT_EQ(Prepared(d.path()).size(), 4u);
-    // Session 9 was a full backup: everything up to the end session goes.
-    kxtest::WriteBackupInfo(d / L"VCM-bitmap\\S0000000009", 9, "Full");
-    EXPECT_EQ(DetectAndRemoveObsolteBitmap(d.path().c_str(), S(7).c_str(), S(9).c_str()), 0u);
-    EXPECT_EQ(Prepared(d.path()), Names{S(10)});
-    EXPECT_EQ(LastSession(d.path()), "S0000000009");
-}
-
 // ---- the union reader over prepared bitmap files -------------------------
 
 namespace {

@@ -15,10 +15,7 @@ using kxtest::ScratchDir;
 
 namespace {
 
-struct Releaser {
-    void operator()(kp::ISessionLock* l) const { l->Release(); }
-};
-using LockPtr = std::unique_ptr<kp::ISessionLock, Releaser>;
+using LockPtr = std::unique_ptr<kp::ISessionLock, kx::release_deleter<kp::ISessionLock>>;
 
 LockPtr NewLock(int op = kp::OP_BITMAP) {
     kp::ISessionLock* l = nullptr;

@@ -27,18 +27,6 @@ DWORD WriteFileText(const std::wstring& path, const std::string& text) {
     return ::WriteFile(h.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) ? 0 : ::GetLastError();
 }
 
-DWORD WriteSessionInfo(const std::wstring& folder, unsigned n, bool full, bool finished) {
-    char xml[600];
-    snprintf(xml, sizeof xml,
-             "<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n<BackupInfo>\r\n  <SessionNumber>%u</SessionNumber>\r\n"
-             "  <SessionGuid>{6B0C4D2E-91A7-4F38-B2D5-0C1E7A3F%04X}</SessionGuid>\r\n"
-             "  <BackupKind>%s</BackupKind>\r\n  <Status>%s</Status>\r\n  <Encrypted>0</Encrypted>\r\n"
-             "</BackupInfo>\r\n",
-             n, n, full ? "Full" : "Incremental", finished ? "Finished" : "Active");
-    if (DWORD rc = WriteFileText(folder + L"\\BackupInfo.XML", xml)) return rc;
-    // The session's change-tracking file, copied with the description.
-    return WriteFileText(folder + L"\\block0000000002.ctf", "demo change tracking\r\n");
-}
 
 // Seeded random runs into one disk of one session, recorded in `bits`.
 DWORD WriteRuns(vhd::VhdDisk& disk, uint64_t sectors, unsigned seed, int runs, SectorBits& bits) {
@@ -61,10 +49,22 @@ DWORD WriteRuns(vhd::VhdDisk& disk, uint64_t sectors, unsigned seed, int runs, S
 
 }  // namespace
 
-std::wstring SessionName(unsigned n) {
+std::wstring SessionName(unsigned long n) {
     wchar_t b[16];
-    _snwprintf(b, 16, L"S%010u", n);
+    _snwprintf(b, 16, L"S%010lu", n);
     return b;
+}
+
+DWORD WriteBackupInfo(const std::wstring& folder, unsigned n, const char* kind, const char* status, int encrypted) {
+    if (DWORD rc = MakeFolders(folder)) return rc;
+    char xml[600];
+    snprintf(xml, sizeof xml,
+             "<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n<BackupInfo>\r\n  <SessionNumber>%u</SessionNumber>\r\n"
+             "  <SessionGuid>{6B0C4D2E-91A7-4F38-B2D5-0C1E7A3F%04X}</SessionGuid>\r\n"
+             "  <BackupKind>%s</BackupKind>\r\n  <Status>%s</Status>\r\n  <Encrypted>%d</Encrypted>\r\n"
+             "</BackupInfo>\r\n",
+             n, n, kind, status, encrypted);
+    return WriteFileText(folder + L"\\BackupInfo.XML", xml);
 }
 
 std::wstring VhdDestination::SessionFolder(unsigned n) const { return rootOf_(n) + L"\\VStore\\" + SessionName(n); }
@@ -90,7 +90,10 @@ DWORD VhdDestination::WriteSession(unsigned n, bool full, bool finished) {
         bits.assign(static_cast<size_t>((disk.sectors + 7) / 8), 0);
         if (DWORD rc = WriteRuns(*vhd, disk.sectors, n * 100 + static_cast<unsigned>(d), runs_, bits)) return rc;
     }
-    return WriteSessionInfo(folder, n, full, finished);
+    if (DWORD rc = WriteBackupInfo(folder, n, full ? "Full" : "Incremental", finished ? "Finished" : "Active"))
+        return rc;
+    // The session's change-tracking file, copied with the description.
+    return WriteFileText(folder + L"\\block0000000002.ctf", "demo change tracking\r\n");
 }
 
 SectorBits VhdDestination::Union(const Disk& d, unsigned lowest, unsigned highest) const {

@@ -23,7 +23,11 @@ inline constexpr uint64_t kVhdBlockSectors = 4096;  // 2 MiB blocks
 using SectorBits = std::vector<uint8_t>;
 
 // "S" and the session number in ten digits, as session folders are named.
-std::wstring SessionName(unsigned n);
+std::wstring SessionName(unsigned long n);
+
+// Writes <folder>\BackupInfo.XML, making the folder first. 0 or the failing code.
+DWORD WriteBackupInfo(const std::wstring& folder, unsigned n, const char* kind, const char* status = "Finished",
+                      int encrypted = 0);
 
 class VhdDestination {
 public:

@@ -12,7 +12,7 @@
 #include "bitmap/bitmap_file_format.h"
 #include "common/unique_resource.h"
 #include "kx_test.h"
-#include "vhd_destination/vhd_destination.h"
+#include "tools/vhd_destination/vhd_destination.h"
 
 namespace kxtest {
 

@@ -13,7 +13,7 @@
 #include "common/unique_resource.h"
 #include "platform/vhd/vhd_disk.h"
 #include "platform/win32_positioned_file.h"
-#include "vhd_destination/vhd_destination.h"
+#include "tools/vhd_destination/vhd_destination.h"
 
 using kx::fixture::SectorBits;
 using kx::fixture::VhdDestination;

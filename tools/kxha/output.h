@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "vhd_destination/vhd_destination.h"
+#include "tools/vhd_destination/vhd_destination.h"
 
 namespace kxha {
 

@@ -12,7 +12,7 @@ TEST(BackupInfo, ReadsUtf8AndUtf16AndIgnoresUnknownElements) {
     ASSERT_EQ(kx::platform::ReadBackupInfo(d / L"BackupInfo.XML", &info), 0u);
     EXPECT_EQ(info.sessionNumber, 17u);
     EXPECT_EQ(info.backupKind, L"Incremental");
-    EXPECT_EQ(info.sessionGuid, L"{0D3F8E2A-6B1C-4C55-9A43-2F7A1C9E5B17}");
+    EXPECT_EQ(info.sessionGuid, L"{6B0C4D2E-91A7-4F38-B2D5-0C1E7A3F0011}");
     EXPECT_FALSE(info.encrypted);
     EXPECT_TRUE(kx::platform::IsSessionValid(d.path()));
     EXPECT_FALSE(kx::platform::IsFullSession(d.path()));

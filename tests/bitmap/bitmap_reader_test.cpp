@@ -27,26 +27,17 @@ struct Buffer {
 
 }  // namespace
 
-TEST(BitmapReader, ServesRangesWithAlignmentAndValidCount) {
+// Requests anywhere in real bitmaps are checked in vhd_destination_test;
+// here the edges: the last partial byte, the end itself, and bad arguments.
+TEST(BitmapReader, EdgesOfTheRange) {
     ScratchDir d;
     // 61 sectors: 8 bytes of body, the last byte holds 5 valid bits.
-    const std::vector<uint8_t> body = {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x1F};
-    kxtest::WriteBitmapFile(d / L"a.Bitmap", 61, body);
+    kxtest::WriteBitmapFile(d / L"a.Bitmap", 61, {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x1F});
     DWORD rc;
     Reader r = Open(d / L"a.Bitmap", &rc);
     ASSERT_EQ(rc, 0u);
-    LONGLONG total = 0;
-    EXPECT_EQ(r->GetTotalSectors(&total), 0u);
-    EXPECT_EQ(total, 61);
     EXPECT_EQ(r->GetTotalSectors(nullptr), 0x80070057u);
-
     Buffer b(16);
-    // Start 13 serves from sector 8: the byte that holds sectors 8..15 first.
-    ASSERT_EQ(r->GetBitmap(13, 3, b.get()), 0u);
-    EXPECT_EQ(b.get()->startingSector, 8);
-    EXPECT_EQ(b.get()->sectorCount, 24);
-    EXPECT_EQ(b.raw[16], 0x02);
-    EXPECT_EQ(b.raw[18], 0x04);
     // Asking past the end: only the bytes that exist, the count stops at the last sector.
     ASSERT_EQ(r->GetBitmap(40, 16, b.get()), 0u);
     EXPECT_EQ(b.get()->startingSector, 40);
@@ -56,10 +47,8 @@ TEST(BitmapReader, ServesRangesWithAlignmentAndValidCount) {
     ASSERT_EQ(r->GetBitmap(61, 16, b.get()), 0u);
     EXPECT_EQ(b.get()->startingSector, 56);
     EXPECT_EQ(b.get()->sectorCount, 5);
-    kxtest::LogCursor log;
     EXPECT_EQ(r->GetBitmap(62, 16, b.get()), 87u);
     EXPECT_EQ(r->GetBitmap(-1, 16, b.get()), 87u);
-    EXPECT_TRUE(log.Contains(L"CDiskBmpFileRD::GetBitmap, starting_sec < 0 || > total_secs, starting = 0x3E"));
     EXPECT_EQ(r->GetBitmap(0, 16, nullptr), 0x80070057u);
 }
 
@@ -85,7 +74,6 @@ TEST(BitmapReader, BadFilesGiveTheirCodes) {
     ASSERT_EQ(rc, 0u);
     Buffer b(64);
     EXPECT_EQ(r->GetBitmap(0, 64, b.get()), 0xFFFFFFFFu);
-    EXPECT_TRUE(log.Contains(L"CDiskBmpFileRD::GetBitmap, ToRead != cbRead, startoffset = 32, cbToRead = 13, cbRead = 0"));
 
     // A truncated body: total_secs larger than what the file holds.
     kxtest::WriteBitmapFile(d / L"trunc.Bitmap", 1000, std::vector<uint8_t>(100, 0xFF));

@@ -9,14 +9,17 @@
 
 #include "KestrixHA/bitmap.h"
 #include "KestrixHA/bitmap_catalogue.h"
+#include "bitmap_test_util.h"
 #include "common/unique_resource.h"
-#include "vhd_destination.h"
+#include "platform/vhd/vhd_disk.h"
+#include "platform/win32_positioned_file.h"
+#include "tools/vhd_destination/vhd_destination.h"
 
+using kx::fixture::SectorBits;
+using kx::fixture::VhdDestination;
 using kxtest::Reader;
 using kxtest::ScratchDir;
-using kxtest::SectorBits;
 using kxtest::SessionName;
-using kxtest::VhdDestination;
 using Names = std::vector<std::wstring>;
 
 namespace {
@@ -24,6 +27,7 @@ namespace {
 constexpr LONGLONG kSystemSectors = 40 * 2048 + 77;  // not a multiple of a block
 constexpr LONGLONG kDataSectors = 8 * 2048;
 constexpr LONGLONG kAddedSectors = 6 * 2048 + 8;
+constexpr int kRuns = 24;  // runs of sectors per disk and session
 
 // Compares what a reader serves with `expected`: the whole disk in one
 // request, then random requests of 1 byte to 1 MiB from unaligned starts.
@@ -104,7 +108,7 @@ Names ProcessingOrder(const kxtest::LogCursor& log) {
 // session 5 still running.
 struct OneRoot {
     ScratchDir dir;
-    VhdDestination dest{[this](unsigned) { return dir.path(); }};
+    VhdDestination dest{[this](unsigned) { return dir.path(); }, kRuns};
     VhdDestination::Disk* system = nullptr;
     VhdDestination::Disk* data = nullptr;
     VhdDestination::Disk* added = nullptr;
@@ -113,9 +117,7 @@ struct OneRoot {
         system = &dest.AddDisk(L"disk0000000001.zek", kSystemSectors, 1);
         data = &dest.AddDisk(L"disk0000000002.zek", kDataSectors, 1);
         added = &dest.AddDisk(L"disk0000000003.zek", kAddedSectors, 3);
-        dest.WriteSession(1, "Full");
-        for (unsigned n = 2; n <= 4; ++n) dest.WriteSession(n, "Incremental");
-        dest.WriteSession(5, "Incremental", "Active");
+        for (unsigned n = 1; n <= 5; ++n) EXPECT_EQ(dest.WriteSession(n, n == 1, n != 5), 0u) << n;
     }
     std::wstring Bitmaps(unsigned n) const { return dir.path() + L"\\VCM-bitmap\\" + SessionName(n); }
 };
@@ -145,7 +147,7 @@ TEST(VhdDestination, PreparesNewSessionsNewestFirstWithTheWrittenSectors) {
             const std::wstring name = disk->file.substr(0, disk->file.size() - 3) + L"Bitmap";
             Reader r = OpenBitmap(d.Bitmaps(n) + L"\\" + name);
             ASSERT_TRUE(r);
-            ExpectServes(r.get(), disk->written.at(n), disk->sectors, n);
+            ExpectServes(r.get(), disk->written.at(n), static_cast<LONGLONG>(disk->sectors), n);
         }
 
     // A second run has nothing new to do and leaves what is there.
@@ -205,8 +207,11 @@ TEST(VhdDestination, ADamagedDiskFailsItsSessionAndKeepsTheNewerOnes) {
     // An extra disk of session 3 whose footer and footer copy are both damaged.
     const std::wstring bad = d.dest.SessionFolder(3) + L"\\disk0000000009.zek";
     {
-        std::unique_ptr<kx::vdisk::IVDisk> vhd;
-        ASSERT_EQ(kx::vdisk::CreateVhd(bad.c_str(), kx::vdisk::kTypeDynamic, 4 << 20, nullptr, &vhd), 0u);
+        kx::vdisk::Win32FileSystem fs(FILE_SHARE_READ);
+        kx::vhd::CreateParams params;
+        params.size = 4 << 20;
+        std::unique_ptr<kx::vhd::VhdDisk> vhd;
+        ASSERT_EQ(kx::vhd::VhdDisk::Create(fs, kx::vdisk::ToU16(bad), params, &vhd), 0u);
     }
     auto bytes = kxtest::ReadBytes(bad);
     bytes[48] ^= 0x40;                 // current size in the copy at the start
@@ -230,10 +235,10 @@ TEST(VhdDestination, SpreadOverHeaderAndLeafRoots) {
     for (auto* leaf : {&leaf1, &leaf2})
         kxtest::WriteText(*leaf / L"leaf_root.ini", "[HEADER LOCATION]\r\nHeader=" + kxtest::Narrow(header.path()) + "\r\n");
     // Sessions 1-2 in the header root, 3-4 in the first leaf, 5-6 in the second.
-    VhdDestination dest([&](unsigned n) { return n <= 2 ? header.path() : n <= 4 ? leaf1.path() : leaf2.path(); });
+    VhdDestination dest([&](unsigned n) { return n <= 2 ? header.path() : n <= 4 ? leaf1.path() : leaf2.path(); },
+                        kRuns);
     auto& disk = dest.AddDisk(L"disk0000000001.zek", kSystemSectors, 1);
-    dest.WriteSession(1, "Full");
-    for (unsigned n = 2; n <= 6; ++n) dest.WriteSession(n, "Incremental");
+    for (unsigned n = 1; n <= 6; ++n) ASSERT_EQ(dest.WriteSession(n, n == 1), 0u) << n;
     for (const auto* root : {&header, &leaf1, &leaf2})
         ASSERT_EQ(CreateBitmap4BackupDest(root->path().c_str(), 0, nullptr), 0u);
 

@@ -25,8 +25,6 @@ TEST(DestroyDirectory, RemovesTreeAndLogs) {
     EXPECT_EQ(DestroyDirectory(victim.c_str()), 0u);
     EXPECT_FALSE(kxtest::Exists(victim));
     EXPECT_TRUE(log.Contains(L"DestroyDirectory() starts (" + victim + L")"));
-    EXPECT_TRUE(log.Contains(L"DestroyDirectory(): Removing directory [" + victim + L"\\a]"));
-    EXPECT_TRUE(log.Contains(L"DestroyDirectory(): Removing file [" + victim + L"\\a\\b\\f3.txt]"));
     EXPECT_TRUE(log.Contains(L"DestroyDirectory() finished, rc = [0]"));
 }
 

@@ -9,18 +9,18 @@
 #include <cwchar>
 #include <string>
 
+#include "common/unique_resource.h"
 #include "log/logger.h"
+#include "test_run.h"
 
 int wmain(int argc, wchar_t** argv) {
     if (argc != 7) return 2;
+    kxtest::TestRun run;
     const int writer = _wtoi(argv[3]);
     const int lines = _wtoi(argv[4]);
     kx::log::Logger log(argv[1], argv[2]);
     log.SetRotationLimit(_wcstoui64(argv[5], nullptr, 10));
-    if (HANDLE go = ::OpenEventW(SYNCHRONIZE, FALSE, argv[6])) {
-        ::WaitForSingleObject(go, 60000);
-        ::CloseHandle(go);
-    }
+    if (kx::unique_handle go{::OpenEventW(SYNCHRONIZE, FALSE, argv[6])}) ::WaitForSingleObject(go.get(), 60000);
     for (int i = 0; i < lines; ++i) {
         const std::wstring tail(static_cast<size_t>(i % 41), L'x');
         const DWORD error = i % 5 == 0 ? 0x80070000u + static_cast<DWORD>(i) : 0;

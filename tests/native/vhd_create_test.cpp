@@ -29,38 +29,6 @@ TEST(VhdGeometry, ChsFollowsTheFormatTable) {
     }
 }
 
-// The size of a disk is the footer's current size, never the product of its
-// geometry (which rounds down, and may be anything in a foreign file).
-TEST(VhdGeometry, SizeComesFromTheFooterNotTheGeometry) {
-    kxnative::MemoryFileSystem mem;
-    kx::vhd::CreateParams p;
-    p.type = DiskType::kFixed;
-    p.size = 10 * kMiB;
-    std::unique_ptr<VhdDisk> disk;
-    ASSERT_EQ(VhdDisk::Create(mem, u"/d.vhd", p, &disk), 0u);
-    EXPECT_EQ(disk->Size(), 10 * kMiB);
-    EXPECT_EQ(disk->Geometry().cylinders * disk->Geometry().heads * disk->Geometry().sectorsPerTrack, 20468u);
-    const uint8_t last[kSector] = {1, 2, 3};
-    ASSERT_EQ(disk->Write(20479, 1, last), 0u);
-    disk.reset();
-
-    Bytes image = mem.Get(u"/d.vhd");
-    EditRaw<kx::vhd::RawFooter>(image, image.size() - kSector, [](kx::vhd::RawFooter& f) {
-        f.cylinders.set(1);  // 1 cylinder, 1 head, 1 sector
-        f.heads = 1;
-        f.sectorsPerTrack = 1;
-    });
-    mem.Put(u"/d.vhd", image);
-    std::unique_ptr<kx::vhd::PositionedFile> file;
-    ASSERT_EQ(mem.Open(u"/d.vhd", false, &file), 0u);
-    ASSERT_EQ(VhdDisk::Open(std::move(file), u"/d.vhd", false, mem, &disk), 0u);
-    EXPECT_EQ(disk->Size(), 10 * kMiB);
-    EXPECT_EQ(disk->Geometry().cylinders, 1u);
-    uint8_t back[kSector];
-    ASSERT_EQ(disk->Read(20479, 1, back), 0u);
-    EXPECT_EQ(0, memcmp(back, last, kSector));
-}
-
 TEST(VhdCreate, RejectsBadRequestsAndLeavesNoFile) {
     kxnative::MemoryFileSystem mem;
     std::unique_ptr<VhdDisk> disk;

@@ -48,6 +48,10 @@ struct Images {
         EXPECT_EQ(mem.Open(path, false, &file), 0u);
         return VhdDisk::Open(std::move(file), path, false, mem, disk);
     }
+    const Bytes& Expected(char image) const {
+        static const Bytes zeros(kDiskSize);
+        return image == 'f' ? zeros : image == 'd' ? expectedDynamic : expectedChild;
+    }
     Mem mem;
     Bytes fixed, dynamic, child, expectedDynamic, expectedChild;
 };
@@ -142,8 +146,11 @@ TEST(VhdHostile, DamagedImagesGiveTheirCodes) {
              std::memset(h.parentName, 0, sizeof h.parentName);
          }),
          v::kParentNotFound},
-        // Recoverable: the trailing footer lost or cut off, the front copy
-        // remains.
+        // Recoverable: the size is the footer's current size, never the
+        // product of the geometry (which may be anything in a foreign file);
+        // the trailing footer lost or cut off while the front copy remains.
+        {"GeometryIgnored", 'd', footerField(56, 4, 0x00010101), 0},
+        {"FixedGeometryIgnored", 'f', footerField(56, 4, 0x00010101), 0},
         {"TrailingFooterLost", 'd', [](Bytes& b) { b[b.size() - kSector] = 'X'; }, 0},
         {"TrailingFooterCutOff", 'd', [](Bytes& b) { b.resize(b.size() - kSector); }, 0},
     };
@@ -153,7 +160,7 @@ TEST(VhdHostile, DamagedImagesGiveTheirCodes) {
         c.edit(b);
         std::unique_ptr<VhdDisk> disk;
         ASSERT_EQ(img.Open(u"/x/case.vhd", b, &disk), c.expected) << c.name;
-        if (c.expected == 0) EXPECT_EQ(ReadAll(*disk), c.image == 'd' ? img.expectedDynamic : img.expectedChild) << c.name;
+        if (c.expected == 0) EXPECT_EQ(ReadAll(*disk), img.Expected(c.image)) << c.name;
     }
 }
 
@@ -208,7 +215,7 @@ TEST(VhdHostile, ReadFailuresComeThrough) {
         if (disk->Type() != DiskType::kFixed)
             EXPECT_EQ(disk->GetBitmap(40, sizeof bits, &aligned, &valid, bits), Mem::kIoFault);
         img.mem.readsLeft = -1;
-        EXPECT_EQ(ReadAll(*disk), path == u"/f.vhd" ? Bytes(kDiskSize) : img.expectedChild);
+        EXPECT_EQ(ReadAll(*disk), img.Expected(path == u"/f.vhd" ? 'f' : 'c'));
     }
 }
 

@@ -95,23 +95,6 @@ TEST(VhdIo, RejectsOutOfRangeAndReadOnlyAccess) {
     EXPECT_EQ(disk->Flush(), 0u);
 }
 
-TEST(VhdIo, SignatureIsTheLittleEndianWordAt440) {
-    ScratchDir dir;
-    std::unique_ptr<VhdDisk> disk;
-    ASSERT_EQ(CreatePosix(dir / "p.vhd", DiskType::kDynamic, 4 * kMiB, &disk), 0u);
-    uint32_t sig = 1;
-    ASSERT_EQ(disk->Signature(&sig), 0u);
-    EXPECT_EQ(sig, 0u);
-    uint8_t mbr[kSector] = {};
-    mbr[440] = 0x12, mbr[441] = 0x34, mbr[442] = 0x56, mbr[443] = 0x78;
-    ASSERT_EQ(disk->Write(0, 1, mbr), 0u);
-    disk.reset();
-    ASSERT_EQ(CreatePosix(dir / "c.vhd", DiskType::kDifferencing, 0, &disk, dir / "p.vhd"), 0u);
-    ASSERT_EQ(disk->Signature(&sig), 0u);  // from the parent
-    EXPECT_EQ(sig, 0x78563412u);
-    EXPECT_EQ(disk->Signature(nullptr), kx::vhd::kInvalidParameter);
-}
-
 // The bitmap answer for [start, start + 8 * bytes), computed from the set of
 // sectors written to this file.
 void ExpectBitmap(VhdDisk& disk, const std::set<uint64_t>& present, bool all, uint64_t start, uint32_t bytes) {

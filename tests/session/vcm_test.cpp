@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "KestrixHA/session.h"
-#include "platform/unicode_ini.h"
 #include "../bitmap/bitmap_test_util.h"
 #include "kx_test.h"
 
@@ -44,8 +43,8 @@ TEST_F(Vcm, WrittenFileIsUtf16WithMarkAndReadsBack) {
     ASSERT_GE(bytes.size(), 20u);
     EXPECT_EQ(bytes[0], 0xFF);
     EXPECT_EQ(bytes[1], 0xFE);
-    // The creator writes the mark with its terminating null; Wine's profile
-    // writer then rewrites that line as "[VCMSIG]\r\n" (checked on creation below).
+    // The creator writes the mark with its terminating null (see unicode_ini_test);
+    // Wine's profile writer then rewrites that line as "[VCMSIG]\r\n".
     EXPECT_EQ(0, std::memcmp(bytes.data() + 2, L"[VCMSIG]", 16));
     wchar_t v[64] = {};
     ::GetPrivateProfileStringW(L"Configuration", L"ManualVCM", L"", v, 64, Ini().c_str());
@@ -64,14 +63,6 @@ TEST_F(Vcm, WrittenFileIsUtf16WithMarkAndReadsBack) {
     ASSERT_EQ(ReadVCMConfigure(&out), 0u);
     EXPECT_FALSE(out.manualVCM);
     EXPECT_EQ(out.indexFolder, L"");
-}
-
-TEST_F(Vcm, MarkIsWrittenWithItsNull) {
-    kxtest::MakeDirs(install / L"Configuration");
-    ASSERT_EQ(kx::CreateIniWithUnicodePrefix(Ini().c_str(), L"[VCMSIG]"), 0u);
-    const auto bytes = kxtest::ReadBytes(Ini());
-    ASSERT_EQ(bytes.size(), 20u);
-    EXPECT_EQ(0, std::memcmp(bytes.data(), "\xFF\xFE[\0V\0C\0M\0S\0I\0G\0]\0\0\0", 20));
 }
 
 TEST_F(Vcm, ManualModeDefaultsAndTranslatesSessionFolders) {

@@ -3,35 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <cwchar>
-#include <fstream>
 #include <stdexcept>
 
 #include "common/unique_resource.h"
 #include "log/debug_log.h"
+#include "test_run.h"
 
 namespace kxtest {
 
-namespace {
-void ClearAndDelete(const std::wstring& folder) {
-    WIN32_FIND_DATAW fd;
-    kx::unique_hfind f(::FindFirstFileW((folder + L"\\*").c_str(), &fd));
-    if (f) {
-        do {
-            std::wstring name = fd.cFileName;
-            if (name == L"." || name == L"..") continue;
-            std::wstring p = folder + L"\\" + name;
-            ::SetFileAttributesW(p.c_str(), FILE_ATTRIBUTE_NORMAL);
-            if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-                ClearAndDelete(p);
-            else
-                ::DeleteFileW(p.c_str());
-        } while (::FindNextFileW(f.get(), &fd));
-    }
-    f.reset();
-    ::SetFileAttributesW(folder.c_str(), FILE_ATTRIBUTE_NORMAL);
-    ::RemoveDirectoryW(folder.c_str());
-}
-}  // namespace
 
 ScratchDir::ScratchDir() {
     wchar_t tmp[MAX_PATH];
@@ -44,7 +23,7 @@ ScratchDir::ScratchDir() {
     if (!::CreateDirectoryW(path_.c_str(), nullptr)) throw std::runtime_error("cannot create scratch folder");
 }
 
-ScratchDir::~ScratchDir() { ClearAndDelete(path_); }
+ScratchDir::~ScratchDir() { RemoveTree(path_); }
 
 void RegValueOverride::Save() {
     kx::unique_hkey key;
@@ -130,55 +109,38 @@ std::string Narrow(const std::wstring& s) {
     return out;
 }
 
-std::wstring Widen(const std::string& s) {
-    if (s.empty()) return {};
-    int n = ::MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), nullptr, 0);
-    std::wstring out(n, L'\0');
-    ::MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), out.data(), n);
-    return out;
+namespace {
+// The CR LF separated lines of UTF-16LE bytes from `from` on; a last line
+// without its end only when asked for.
+std::vector<std::wstring> Lines(const std::vector<uint8_t>& bytes, size_t from, bool partial) {
+    std::vector<std::wstring> lines;
+    if (bytes.size() <= from) return lines;
+    const std::wstring all(reinterpret_cast<const wchar_t*>(bytes.data() + from), (bytes.size() - from) / 2);
+    size_t start = 0;
+    for (size_t end; (end = all.find(L"\r\n", start)) != std::wstring::npos; start = end + 2)
+        lines.push_back(all.substr(start, end - start));
+    if (partial && start < all.size()) lines.push_back(all.substr(start));
+    return lines;
 }
+}  // namespace
 
 std::optional<LogLine> ParseLogLine(const std::wstring& raw) {
     // "[yyyy/mm/dd hh:mm:ss:mmm   LL   PPPPP   TTTTT   <code or blanks>] text"
-    LogLine l;
-    l.raw = raw;
-    if (raw.size() < 2 || raw[0] != L'[') return std::nullopt;
     const size_t close = raw.find(L"] ");
-    if (close == std::wstring::npos) return std::nullopt;
-    const std::wstring inside = raw.substr(1, close - 1);
-    wchar_t date[16] = {}, time[16] = {}, code[16] = {};
-    int level = 0;
-    unsigned long pid = 0, tid = 0;
-    int n = swscanf(inside.c_str(), L"%15ls %15ls %d %lu %lu %15ls", date, time, &level, &pid, &tid, code);
-    if (n < 5) return std::nullopt;
-    l.time = std::wstring(date) + L" " + time;
-    l.level = level;
-    l.pid = pid;
-    l.tid = tid;
-    if (n == 6 && (code[0] == L'0') && (code[1] == L'X' || code[1] == L'x')) l.error = wcstoul(code + 2, nullptr, 16);
-    l.text = raw.substr(close + 2);
-    return l;
+    unsigned long pid = 0;
+    if (raw.empty() || raw[0] != L'[' || close == std::wstring::npos ||
+        swscanf(raw.c_str() + 1, L"%*ls %*ls %*d %lu", &pid) != 1)
+        return std::nullopt;
+    return LogLine{pid, raw.substr(close + 2), raw};
 }
 
 std::vector<std::wstring> ReadLogFileLines(const std::wstring& path) {
     const std::vector<uint8_t> bytes = ReadBytes(path);
-    std::vector<std::wstring> lines;
-    if (bytes.size() < 2 || bytes[0] != 0xFF || bytes[1] != 0xFE) return lines;
-    std::wstring all(reinterpret_cast<const wchar_t*>(bytes.data() + 2), (bytes.size() - 2) / 2);
-    size_t start = 0;
-    for (;;) {
-        size_t end = all.find(L"\r\n", start);
-        if (end == std::wstring::npos) {
-            if (start < all.size()) lines.push_back(all.substr(start));
-            break;
-        }
-        lines.push_back(all.substr(start, end - start));
-        start = end + 2;
-    }
-    return lines;
+    if (bytes.size() < 2 || bytes[0] != 0xFF || bytes[1] != 0xFE) return {};
+    return Lines(bytes, 2, true);
 }
 
-LogCursor::LogCursor(Scope scope) : scope_(scope) {
+LogCursor::LogCursor() {
     kx::Log(4, L"kxtest: log cursor");  // makes sure the file exists and is current
     file_ = kx::log::CurrentFile();
     offset_ = ReadBytes(file_).size();
@@ -186,18 +148,9 @@ LogCursor::LogCursor(Scope scope) : scope_(scope) {
 
 std::vector<LogLine> LogCursor::Lines() const {
     std::vector<LogLine> out;
-    const DWORD self = ::GetCurrentProcessId();
     auto take = [&](const std::wstring& file, uint64_t from) {
-        const std::vector<uint8_t> bytes = ReadBytes(file);
-        if (bytes.size() <= from) return;
-        from = std::max<uint64_t>(from, 2);
-        std::wstring all(reinterpret_cast<const wchar_t*>(bytes.data() + from), (bytes.size() - from) / 2);
-        size_t start = 0, end;
-        while ((end = all.find(L"\r\n", start)) != std::wstring::npos) {
-            if (auto l = ParseLogLine(all.substr(start, end - start)))
-                if (scope_ == Scope::AllProcesses || l->pid == self) out.push_back(*l);
-            start = end + 2;
-        }
+        for (const auto& raw : kxtest::Lines(ReadBytes(file), static_cast<size_t>(std::max<uint64_t>(from, 2)), false))
+            if (auto l = ParseLogLine(raw); l && l->pid == ::GetCurrentProcessId()) out.push_back(*l);
     };
     take(file_, offset_);
     const std::wstring now = kx::log::CurrentFile();
@@ -210,23 +163,6 @@ std::vector<LogLine> LogCursor::Matching(const std::wstring& needle) const {
     for (auto& l : Lines())
         if (l.text.find(needle) != std::wstring::npos) out.push_back(l);
     return out;
-}
-
-DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs) {
-    STARTUPINFOW si{};
-    si.cb = sizeof si;
-    PROCESS_INFORMATION pi{};
-    std::wstring cmd = commandLine;
-    if (!::CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi))
-        return 0xFFFFFFFF;
-    kx::unique_handle process(pi.hProcess), thread(pi.hThread);
-    if (::WaitForSingleObject(process.get(), timeoutMs) != WAIT_OBJECT_0) {
-        ::TerminateProcess(process.get(), 0xFFFFFFFE);
-        return 0xFFFFFFFE;
-    }
-    DWORD code = 0;
-    ::GetExitCodeProcess(process.get(), &code);
-    return code;
 }
 
 DWORD RunCapture(const std::wstring& commandLine, std::string* output, DWORD timeoutMs) {

@@ -54,17 +54,12 @@ bool Exists(const std::wstring& path);
 void MakeDirs(const std::wstring& path);
 
 std::string Narrow(const std::wstring& s);
-std::wstring Widen(const std::string& s);
 
-// One line of the debug log with its prefix taken apart.
+// One line of the debug log: its writer and what follows the prefix.
 struct LogLine {
-    std::wstring time;   // "yyyy/mm/dd hh:mm:ss:mmm"
-    int level = -1;      // -1 for the header's title line (no prefix)
     DWORD pid = 0;
-    DWORD tid = 0;
-    DWORD error = 0;
-    std::wstring text;   // what follows the prefix
-    std::wstring raw;    // the whole line
+    std::wstring text;
+    std::wstring raw;  // the whole line
 };
 
 // Parses a line; nullopt when it has no prefix.
@@ -73,16 +68,12 @@ std::optional<LogLine> ParseLogLine(const std::wstring& raw);
 // Every line of a UTF-16LE log file (the byte-order mark is checked).
 std::vector<std::wstring> ReadLogFileLines(const std::wstring& path);
 
-// Reads the lines that the library's debug log gains after construction:
-// remembers the current log file and its size, and later returns what was
-// appended (following a rotation to newer files too).
-// The debug log from the moment of construction on. Test programs run side
-// by side and share the log, so by default only this process's lines count;
-// a test that checks what its child processes logged asks for all of them.
+// The lines this process adds to the library's debug log from construction
+// on (following a rotation to a newer file too). Helper processes of the run
+// log into the same file; their lines are not counted.
 class LogCursor {
 public:
-    enum class Scope { ThisProcess, AllProcesses };
-    explicit LogCursor(Scope scope = Scope::ThisProcess);
+    LogCursor();
     std::vector<LogLine> Lines() const;
     // Lines whose text contains `needle`.
     std::vector<LogLine> Matching(const std::wstring& needle) const;
@@ -91,15 +82,12 @@ public:
 private:
     std::wstring file_;
     uint64_t offset_ = 0;
-    Scope scope_;
 };
 
 // The registry key of the product's debug switches.
 inline const wchar_t* kDebugKey = L"SOFTWARE\\Veltrana\\Quillon\\Engine\\Debug";
 inline const wchar_t* kInstallPathKey = L"SOFTWARE\\Veltrana\\Quillon\\Engine\\InstallPath";
 
-// Runs a program and returns its exit code (0xFFFFFFFF when it can't start).
-DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs = 120000);
 // Runs a program with stdout and stderr captured (UTF-8 text), returns its
 // exit code.
 DWORD RunCapture(const std::wstring& commandLine, std::string* output, DWORD timeoutMs = 300000);

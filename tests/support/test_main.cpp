@@ -1,19 +1,15 @@
-// The main of every test program: the product's registry is pointed at a
-// test install folder (so the debug log lands there) with detail logging on.
+// The main of every test program: the run gets a registry root and an
+// install folder of its own (so the debug log lands there) with detail
+// logging on.
 #include <gtest/gtest.h>
 
-#include "kx_test.h"
 #include "common/proc_address.h"
 #include "log/debug_log.h"
+#include "test_run.h"
 
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
-    kxtest::MakeDirs(L"C:\\KxTest\\install");
-    const std::wstring path = L"C:\\KxTest\\install";
-    ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kxtest::kInstallPathKey, L"Path", REG_SZ, path.c_str(),
-                      static_cast<DWORD>((path.size() + 1) * sizeof(wchar_t)));
-    const DWORD detail = 4;
-    ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kxtest::kDebugKey, L"KestrixHA", REG_DWORD, &detail, sizeof detail);
+    kxtest::TestRun run;
     // The install path is read once per process, at the first log line. Pin it
     // now, in this program's copy of the library code and in the DLL if it is
     // loaded, so that tests which later point the registry at a scratch

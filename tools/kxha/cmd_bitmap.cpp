@@ -6,18 +6,12 @@
 #include "bitmap_scan.h"
 #include "commands.h"
 #include "output.h"
+#include "owners.h"
 #include "progress.h"
 
 namespace kxha {
 
 namespace {
-
-struct ReaderOwner {
-    IDiskBmpReader* r = nullptr;
-    ~ReaderOwner() {
-        if (r) r->Release();
-    }
-};
 
 int NeedArgs(const std::vector<std::wstring>& pos, size_t n, const wchar_t* usage) {
     if (pos.size() >= n) return 0;
@@ -140,12 +134,16 @@ int Show(const Args& args, bool json) {
     const auto pos = Positionals(args, {L"--max-extents"});
     if (int rc = NeedArgs(pos, 1, L"kxha bitmap show <file> [--max-extents N]")) return rc;
     const size_t max = wcstoul(Option(args, L"--max-extents", L"20").c_str(), nullptr, 10);
-    ReaderOwner r;
-    if (DWORD rc = ReadDiskBitmap(pos[0].c_str(), &r.r)) return Fail(L"ReadDiskBitmap(" + pos[0] + L")", rc);
+    // The reader's bare failure: a file too short for a bitmap's header, or
+    // whose header claims more sectors than the file holds.
+    const wchar_t* notBitmap = L"not a session bitmap file";
+    BitmapReader r;
+    if (DWORD rc = ReadDiskBitmap(pos[0].c_str(), Put(r)))
+        return Fail(L"ReadDiskBitmap(" + pos[0] + L")", rc, rc == kNoCode ? notBitmap : nullptr);
     bool full = false;
     CheckIfIsFullZekBeforeMerged(pos[0].c_str(), &full);
     BitmapScan s;
-    if (DWORD rc = ScanBitmap(r.r, &s)) return Fail(L"reading " + pos[0], rc);
+    if (DWORD rc = ScanBitmap(r.get(), &s)) return Fail(L"reading " + pos[0], rc, rc == kNoCode ? notBitmap : nullptr);
     if (json) {
         Out(L"{\"file\": " + JsonString(pos[0]) + L", \"differencing\": " + (full ? L"false" : L"true") +
             L", \"total_sectors\": " + Num(s.totalSectors) + L", \"set_sectors\": " + Num(s.setSectors) +
@@ -165,11 +163,11 @@ int Union(const Args& args, bool json) {
     const size_t max = wcstoul(Option(args, L"--max-extents", L"10").c_str(), nullptr, 10);
     const wchar_t* lowest = pos[1].c_str();
     if (*lowest == L'S' || *lowest == L's') ++lowest;
-    ReaderOwner r;
-    if (DWORD rc = GetBitmapReader_IncsFromFull(pos[0].c_str(), wcstoul(lowest, nullptr, 10), nullptr, &r.r))
+    BitmapReader r;
+    if (DWORD rc = GetBitmapReader_IncsFromFull(pos[0].c_str(), wcstoul(lowest, nullptr, 10), nullptr, Put(r)))
         return Fail(L"GetBitmapReader_IncsFromFull(" + pos[0] + L")", rc);
     BitmapScan s;
-    if (DWORD rc = ScanBitmap(r.r, &s)) return Fail(L"reading the union bitmap", rc);
+    if (DWORD rc = ScanBitmap(r.get(), &s)) return Fail(L"reading the union bitmap", rc);
     if (json) {
         Out(L"{\"disk\": " + JsonString(pos[0]) + L", \"total_sectors\": " + Num(s.totalSectors) +
             L", \"changed_sectors\": " + Num(s.setSectors) + L", \"bytes_to_copy\": " + Num(s.setSectors * 512) +

@@ -8,6 +8,7 @@
 #include "commands.h"
 #include "demo.h"
 #include "output.h"
+#include "owners.h"
 #include "progress.h"
 
 namespace kxha {
@@ -61,8 +62,8 @@ int CmdDemo(const Args& args) {
     const std::wstring root = folder + L"\\destination";
 
     // 1. The destination: six sessions of three disks.
-    demo::Destination dest;
-    if (DWORD rc = demo::BuildDestination(root, &dest, progress)) return Fail(L"writing the demo destination", rc);
+    demo::Destination dest(root);
+    if (DWORD rc = demo::BuildDestination(&dest, progress)) return Fail(L"writing the demo destination", rc);
     if (!json) Out(L"Demo destination: " + root + L"\n  sessions S0000000001 (full) to S0000000005, S0000000006 still Active\n");
 
     // 2. Prepare the bitmaps of the new sessions.
@@ -78,35 +79,26 @@ int CmdDemo(const Args& args) {
 
     // 3. Lock the range being converted.
     const unsigned lowest = dest.fullSession + 1, newest = dest.lastFinished;
-    SessionLockHandle* lock = nullptr;
-    if ((rc = HA_LockZekSessions(root.c_str(), static_cast<int>(lowest), static_cast<int>(newest), &lock, 0)))
+    SessionLock lock;
+    if ((rc = HA_LockZekSessions(root.c_str(), static_cast<int>(lowest), static_cast<int>(newest), Put(lock), 0)))
         return Fail(L"HA_LockZekSessions", rc);
 
     // 4. Each disk's union over the range, against the writes the demo made.
     std::vector<DiskResult> results;
     bool allMatch = true;
-    for (const auto& disk : dest.disks) {
+    for (const auto& disk : dest.sessions.disks()) {
         DiskResult r;
         r.file = disk.file;
         r.sectors = disk.sectors;
         r.chainTo = newest;
         r.chainFrom = std::max(lowest, disk.firstSession);
         const std::wstring path = root + L"\\VStore\\" + SessionName(newest) + L"\\" + disk.file;
-        IDiskBmpReader* reader = nullptr;
-        if ((rc = GetBitmapReader_IncsFromFull(path.c_str(), lowest, nullptr, &reader))) {
-            HA_UnlockZekSessions(lock);
+        BitmapReader reader;
+        if ((rc = GetBitmapReader_IncsFromFull(path.c_str(), lowest, nullptr, Put(reader))))
             return Fail(L"GetBitmapReader_IncsFromFull(" + path + L")", rc);
-        }
         BitmapScan scan;
-        rc = ScanBitmap(reader, &scan, true);
-        reader->Release();
-        if (rc) {
-            HA_UnlockZekSessions(lock);
-            return Fail(L"reading the union bitmap of " + disk.file, rc);
-        }
-        std::vector<BYTE> expected(static_cast<size_t>((disk.sectors + 7) / 8), 0);
-        for (unsigned s = r.chainFrom; s <= r.chainTo; ++s)
-            for (size_t i = 0; i < expected.size(); ++i) expected[i] |= disk.written[s][i];
+        if ((rc = ScanBitmap(reader.get(), &scan, true))) return Fail(L"reading the union bitmap of " + disk.file, rc);
+        const kx::fixture::SectorBits expected = dest.sessions.Union(disk, r.chainFrom, r.chainTo);
         for (size_t i = 0; i < expected.size(); ++i) {
             const BYTE got = i < scan.bits.size() ? scan.bits[i] : 0;
             for (BYTE x = got ^ expected[i]; x; x &= x - 1) ++r.mismatched;
@@ -117,7 +109,7 @@ int CmdDemo(const Args& args) {
     }
 
     // 5. Unlock, drop the converted bitmaps and mark the last converted session.
-    HA_UnlockZekSessions(lock);
+    lock.reset();
     if ((rc = DeleteSessionBitmap(root.c_str(), SessionName(newest).c_str()))) return Fail(L"DeleteSessionBitmap", rc);
     // A second run finds nothing new: the last converted session is the newest finished one.
     if ((rc = CreateBitmap4BackupDest(root.c_str(), 0, nullptr))) return Fail(L"CreateBitmap4BackupDest (again)", rc);

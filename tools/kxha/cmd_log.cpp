@@ -6,26 +6,26 @@
 
 #include "KestrixHA.h"
 #include "commands.h"
+#include "common/unique_resource.h"
 
 namespace kxha {
 
 namespace {
 std::vector<std::wstring> LastLines(const std::wstring& file, size_t count) {
     std::vector<std::wstring> lines;
-    HANDLE h = ::CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0,
-                             nullptr);
-    if (h == INVALID_HANDLE_VALUE) return lines;
+    kx::unique_hfile h(::CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                     OPEN_EXISTING, 0, nullptr));
+    if (!h) return lines;
     LARGE_INTEGER size{};
-    ::GetFileSizeEx(h, &size);
+    ::GetFileSizeEx(h.get(), &size);
     // The tail is enough: a line is at most ~1100 characters.
     const LONGLONG want = std::min<LONGLONG>(size.QuadPart, static_cast<LONGLONG>(count + 1) * 2400);
     LARGE_INTEGER at;
     at.QuadPart = (size.QuadPart - want) & ~1LL;
-    ::SetFilePointerEx(h, at, nullptr, FILE_BEGIN);
+    ::SetFilePointerEx(h.get(), at, nullptr, FILE_BEGIN);
     std::vector<wchar_t> buf(static_cast<size_t>(want / 2) + 1);
     DWORD got = 0;
-    ::ReadFile(h, buf.data(), static_cast<DWORD>(want), &got, nullptr);
-    ::CloseHandle(h);
+    ::ReadFile(h.get(), buf.data(), static_cast<DWORD>(want), &got, nullptr);
     std::wstring all(buf.data(), got / 2);
     if (!all.empty() && all[0] == 0xFEFF) all.erase(0, 1);
     size_t start = 0, end;

@@ -4,6 +4,7 @@
 #include "KestrixHA.h"
 #include "commands.h"
 #include "output.h"
+#include "owners.h"
 
 namespace kxha {
 
@@ -23,15 +24,18 @@ int CmdLock(const Args& args) {
     }
     const bool json = HasFlag(args, L"--json");
     const int begin = _wtoi(pos[1].c_str()), end = _wtoi(pos[2].c_str());
+    if (begin > end) {
+        Err(L"kxha lock: the range " + pos[1] + L".." + pos[2] + L" is reversed; give the lower session first\n");
+        return 2;
+    }
     const DWORD hold = wcstoul(Option(args, L"--hold", L"0").c_str(), nullptr, 10);
-    SessionLockHandle* h = nullptr;
-    const DWORD rc = HA_LockZekSessions(pos[0].c_str(), begin, end, &h, HasFlag(args, L"--manual") ? 1 : 0);
+    SessionLock lock;
+    const DWORD rc = HA_LockZekSessions(pos[0].c_str(), begin, end, Put(lock), HasFlag(args, L"--manual") ? 1 : 0);
     if (rc == HA_E_SESSIONS_UNDER_MERGE) {
         Err(L"error: sessions " + pos[1] + L".." + pos[2] + L" reach into a merge in progress (rc = 0xF0000001)\n");
         return 1;
     }
     if (rc) return Fail(L"locking sessions " + pos[1] + L".." + pos[2] + L" of " + pos[0], rc);
-    const bool manualMarker = h == MANUAL_VCM_LOCK_HANDLE;
     if (json)
         Out(L"{\"locked\": true, \"root\": " + JsonString(pos[0]) + L", \"begin\": " + pos[1] + L", \"end\": " + pos[2] +
             L", \"hold_seconds\": " + Num(hold) + L"}\n");
@@ -39,7 +43,7 @@ int CmdLock(const Args& args) {
         Out(L"Locked sessions " + pos[1] + L".." + pos[2] + L" of " + pos[0] +
             (hold ? L"; holding for " + Num(hold) + L" s" : std::wstring()) + L"\n");
     if (hold) ::Sleep(hold * 1000);
-    if (!manualMarker) HA_UnlockZekSessions(h);
+    lock.reset();
     if (!json) Out(L"Unlocked\n");
     return 0;
 }
@@ -67,14 +71,15 @@ int CmdIntact(const Args& args) {
         Err(L"usage: kxha intact <root> [--json]\n");
         return 2;
     }
-    IntactSessionListHandle* h = nullptr;
-    if (DWORD rc = MVCM_OpenIntactSessionListHandle(pos[0].c_str(), &h))
+    IntactList list(nullptr, &MVCM_CloseIntactSessionListHandle);
+    if (DWORD rc = MVCM_OpenIntactSessionListHandle(pos[0].c_str(), Put(list)))
         return Fail(L"MVCM_OpenIntactSessionListHandle", rc);
     unsigned count = 0;
-    DWORD rc = MVCM_QueryIntactSessionList(h, nullptr, 0, &count);
+    DWORD rc = MVCM_QueryIntactSessionList(list.get(), nullptr, 0, &count);
     std::vector<unsigned> sessions(count);
-    if (rc == ERROR_MORE_DATA) rc = MVCM_QueryIntactSessionList(h, sessions.data(), static_cast<int>(count), &count);
-    MVCM_CloseIntactSessionListHandle(h);
+    if (rc == ERROR_MORE_DATA)
+        rc = MVCM_QueryIntactSessionList(list.get(), sessions.data(), static_cast<int>(count), &count);
+    list.reset();
     if (rc) return Fail(L"MVCM_QueryIntactSessionList", rc);
     std::vector<unsigned long> v(sessions.begin(), sessions.begin() + count);
     if (HasFlag(args, L"--json"))

@@ -21,9 +21,13 @@ const std::vector<Command>& Commands();
 void Out(const std::wstring& text);
 void Err(const std::wstring& text);
 
-// Prints "error: <what> failed, rc = <code> (0x...): <system text>" and
-// returns the tool's failure exit status.
-int Fail(const std::wstring& what, unsigned long code);
+// Prints "error: <what> failed, rc = <code> (0x...): <meaning>" and returns
+// the tool's failure exit status. Without a meaning, the system's text for
+// the code.
+int Fail(const std::wstring& what, unsigned long code, const wchar_t* meaning = nullptr);
+
+// The library's failure without a system code.
+constexpr unsigned long kNoCode = 0xFFFFFFFF;
 
 bool HasFlag(const Args& args, const wchar_t* flag);
 

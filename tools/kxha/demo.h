@@ -5,26 +5,21 @@
 #include <windows.h>
 
 #include <string>
-#include <vector>
+
+#include "tools/vhd_destination/vhd_destination.h"
 
 namespace kxha::demo {
 
-// One disk of the demo machine and the sectors each session wrote to it.
-struct DemoDisk {
-    std::wstring file;               // disk##########.zek
-    unsigned long long sectors = 0;
-    unsigned firstSession = 0;       // the session where it appears as a full disk
-    std::vector<std::vector<BYTE>> written;  // per session (index = session number): a bit per sector
-};
-
 struct Destination {
+    explicit Destination(const std::wstring& r) : root(r), sessions([r](unsigned) { return r; }) {}
     std::wstring root;
     unsigned fullSession = 1, lastFinished = 5, activeSession = 6;
-    std::vector<DemoDisk> disks;
+    kx::fixture::VhdDestination sessions;
 };
 
-// Writes the destination under `root`: VStore\S########## with BackupInfo.XML
-// and VHD disk files holding seeded random writes. 0 or the failing code.
-DWORD BuildDestination(const std::wstring& root, Destination* dest, bool progress);
+// Writes the destination under its root: VStore\S########## with
+// BackupInfo.XML and VHD disk files holding seeded random writes. 0 or the
+// failing code.
+DWORD BuildDestination(Destination* dest, bool progress);
 
 }  // namespace kxha::demo

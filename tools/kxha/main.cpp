@@ -4,6 +4,7 @@
 #include <cwchar>
 
 #include "commands.h"
+#include "common/unique_resource.h"
 
 namespace kxha {
 
@@ -59,12 +60,12 @@ int Usage() {
 void Out(const std::wstring& text) { Write(stdout, text); }
 void Err(const std::wstring& text) { Write(stderr, text); }
 
-int Fail(const std::wstring& what, unsigned long code) {
-    wchar_t* sys = nullptr;
-    ::FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
-                     nullptr, code, 0, reinterpret_cast<wchar_t*>(&sys), 0, nullptr);
-    std::wstring text = sys ? sys : L"no system text for this code";
-    if (sys) ::LocalFree(sys);
+int Fail(const std::wstring& what, unsigned long code, const wchar_t* meaning) {
+    kx::unique_hlocal sys;
+    if (!meaning)
+        ::FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
+                         nullptr, code, 0, reinterpret_cast<wchar_t*>(sys.put()), 0, nullptr);
+    std::wstring text = meaning ? meaning : sys ? static_cast<const wchar_t*>(sys.get()) : L"no system text for this code";
     while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r' || text.back() == L' ')) text.pop_back();
     wchar_t head[64];
     swprintf(head, 64, L"%lu (0x%08lX)", code, code);

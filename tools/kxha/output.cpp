@@ -37,12 +37,6 @@ std::wstring JsonList(const std::vector<std::wstring>& items) {
 
 std::wstring Num(unsigned long long v) { return std::to_wstring(v); }
 
-std::wstring SessionName(unsigned long n) {
-    wchar_t b[16];
-    _snwprintf(b, 16, L"S%010lu", n);
-    return b;
-}
-
 bool StdoutIsTerminal() {
     DWORD mode = 0;
     return _isatty(_fileno(stdout)) && ::GetConsoleMode(::GetStdHandle(STD_OUTPUT_HANDLE), &mode);

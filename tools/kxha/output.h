@@ -6,12 +6,14 @@
 #include <string>
 #include <vector>
 
+#include "tools/vhd_destination/vhd_destination.h"
+
 namespace kxha {
 
 std::wstring JsonString(const std::wstring& s);  // quoted and escaped
 std::wstring JsonList(const std::vector<std::wstring>& items);  // ["a", "b"]
 std::wstring Num(unsigned long long v);
-std::wstring SessionName(unsigned long n);  // S##########
+using kx::fixture::SessionName;  // S##########
 
 // True when stdout is a console (progress is shown only then).
 bool StdoutIsTerminal();

@@ -5,6 +5,7 @@
 
 #include "KestrixHA.h"
 #include "commands.h"
+#include "common/unique_resource.h"
 #include "output.h"
 
 namespace kxha {
@@ -41,16 +42,15 @@ void LogProgress::Run() {
         ::Sleep(200);
         const unsigned long long size = FileSize(file_);
         if (size <= offset_) continue;
-        HANDLE h = ::CreateFileW(file_.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                 OPEN_EXISTING, 0, nullptr);
-        if (h == INVALID_HANDLE_VALUE) continue;
+        kx::unique_hfile h(::CreateFileW(file_.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                         OPEN_EXISTING, 0, nullptr));
+        if (!h) continue;
         LARGE_INTEGER at;
         at.QuadPart = static_cast<LONGLONG>(offset_);
-        ::SetFilePointerEx(h, at, nullptr, FILE_BEGIN);
+        ::SetFilePointerEx(h.get(), at, nullptr, FILE_BEGIN);
         std::vector<wchar_t> buf(static_cast<size_t>((size - offset_) / 2));
         DWORD got = 0;
-        ::ReadFile(h, buf.data(), static_cast<DWORD>(buf.size() * 2), &got, nullptr);
-        ::CloseHandle(h);
+        ::ReadFile(h.get(), buf.data(), static_cast<DWORD>(buf.size() * 2), &got, nullptr);
         std::wstring text(buf.data(), got / 2);
         const size_t lastNewline = text.rfind(L"\r\n");
         if (lastNewline == std::wstring::npos) continue;

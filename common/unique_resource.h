@@ -139,21 +139,6 @@ private:
     I* p_ = nullptr;
 };
 
-// CoInitializeEx for the life of the scope, balanced only when it succeeded.
-class com_init {
-public:
-    explicit com_init(DWORD model = COINIT_MULTITHREADED) noexcept : hr_(::CoInitializeEx(nullptr, model)) {}
-    ~com_init() {
-        if (SUCCEEDED(hr_)) ::CoUninitialize();
-    }
-    com_init(const com_init&) = delete;
-    com_init& operator=(const com_init&) = delete;
-    HRESULT result() const noexcept { return hr_; }
-
-private:
-    HRESULT hr_;
-};
-
 // An object whose Release() ends it (the bitmap readers and lock objects of
 // this library are of that kind).
 template <class T>

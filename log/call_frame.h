@@ -136,24 +136,4 @@ inline const wchar_t* OrNull(const wchar_t* s) noexcept { return s ? s : L"NULL"
 
 inline bool IsNullOrEmpty(const wchar_t* s) noexcept { return !s || !*s; }
 
-// Failing calls inside a body: log the call that failed with its code in
-// one line and leave the body with that code.
-#define KX_RETURN_IF_FAILED(expr, what)                                              \
-    do {                                                                             \
-        if (const DWORD kx_rc_ = (expr); kx_rc_ != 0) {                              \
-            ::kx::Log(0, L"%s failed, rc = [%d]", what, kx_rc_);                     \
-            return kx_rc_;                                                           \
-        }                                                                            \
-    } while (0)
-
-// A Win32 call that reports failure through FALSE and GetLastError.
-#define KX_RETURN_IF_WIN32_FALSE(call, what)                                         \
-    do {                                                                             \
-        if (!(call)) {                                                               \
-            const DWORD kx_rc_ = ::kx::LastErrorOr();                                \
-            ::kx::Log(0, L"%s failed, rc = [%d]", what, kx_rc_);                     \
-            return kx_rc_;                                                           \
-        }                                                                            \
-    } while (0)
-
 }  // namespace kx

@@ -32,6 +32,7 @@
 #include <cstdint>
 #include <string>
 
+#include "common/result_codes.h"
 #include "log/log_format.h"
 
 namespace kx::log {
@@ -87,3 +88,24 @@ inline void LogErr(int level, DWORD error, log::fmt::Format<A...> format, A... a
     log::Write(level, error, format.get(), args...);
 }
 }  // namespace kx
+
+// Failing calls of a function that returns a Win32 code: log the call that failed with its code in
+// one line and leave the body with that code.
+#define KX_RETURN_IF_FAILED(expr, what)                                              \
+    do {                                                                             \
+        if (const DWORD kx_rc_ = (expr); kx_rc_ != 0) {                              \
+            ::kx::Log(0, L"%s failed, rc = [%d]", what, kx_rc_);                     \
+            return kx_rc_;                                                           \
+        }                                                                            \
+    } while (0)
+
+// A Win32 call that reports failure through FALSE and GetLastError.
+#define KX_RETURN_IF_WIN32_FALSE(call, what)                                         \
+    do {                                                                             \
+        if (!(call)) {                                                               \
+            const DWORD kx_rc_ = ::kx::LastErrorOr();                                \
+            ::kx::Log(0, L"%s failed, rc = [%d]", what, kx_rc_);                     \
+            return kx_rc_;                                                           \
+        }                                                                            \
+    } while (0)
+

@@ -133,12 +133,12 @@ bool ParseRecord(const std::wstring& text, SessionLockRecord& r) {
 DWORD WriteRecord(HANDLE file, const SessionLockRecord& r) {
     const std::wstring text = L"\xFEFF" + RecordText(r);
     LARGE_INTEGER zero{};
-    if (!::SetFilePointerEx(file, zero, nullptr, FILE_BEGIN)) return LastErrorOr();
+    KX_RETURN_IF_WIN32_FALSE(::SetFilePointerEx(file, zero, nullptr, FILE_BEGIN), L"lock record: SetFilePointerEx");
     DWORD written = 0;
     const DWORD bytes = static_cast<DWORD>(text.size() * sizeof(wchar_t));
-    if (!::WriteFile(file, text.data(), bytes, &written, nullptr)) return LastErrorOr();
+    KX_RETURN_IF_WIN32_FALSE(::WriteFile(file, text.data(), bytes, &written, nullptr), L"lock record: WriteFile");
     if (written != bytes) return ERROR_WRITE_FAULT;
-    if (!::SetEndOfFile(file)) return LastErrorOr();
+    KX_RETURN_IF_WIN32_FALSE(::SetEndOfFile(file), L"lock record: SetEndOfFile");
     return 0;
 }
 

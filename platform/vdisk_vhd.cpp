@@ -2,6 +2,8 @@
 #include <new>
 
 #include "platform/vdisk.h"
+
+#include "log/debug_log.h"
 #include "platform/vhd/vhd_disk.h"
 #include "platform/win32_positioned_file.h"
 
@@ -71,7 +73,8 @@ DWORD OpenVhdDisk(const wchar_t* path, DWORD access, DWORD share, const Password
     (void)password;
     disk->reset();
     std::unique_ptr<vhd::PositionedFile> file;
-    if (DWORD rc = Win32FileSystem::OpenFile(path, access, share, OPEN_EXISTING, &file)) return rc;
+    KX_RETURN_IF_FAILED(Win32FileSystem::OpenFile(path, access, share, OPEN_EXISTING, &file),
+                        (L"open disk file " + std::wstring(path)).c_str());
     Win32FileSystem fs(share);
     std::unique_ptr<vhd::VhdDisk> opened;
     const DWORD rc = vhd::VhdDisk::Open(std::move(file), ToU16(path), (access & GENERIC_WRITE) != 0, fs, &opened);

@@ -132,7 +132,7 @@ DWORD TranslateSessionPath(const std::wstring& indexFolder, const std::wstring& 
     std::wstring name = slash == std::wstring::npos ? root : root.substr(slash + 1);
     for (wchar_t& c : name) c = towlower(c);
     if (name.empty()) name = L"root";
-    rwFolder = Format(L"%s\\%s-%08x\\S%010u", indexFolder.c_str(), name.c_str(), hash, session);
+    rwFolder = JoinPath(JoinPath(indexFolder, Format(L"%s-%08x", name.c_str(), hash)), SessionFolderName(session));
     return 0;
 }
 

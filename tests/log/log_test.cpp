@@ -101,12 +101,8 @@ TEST(LogFile, FourProcessesShareOneLogAcrossRotations) {
     for (int w = 0; w < kWriters; ++w) {
         std::wstring cmd = kx::Format(L"\"%s\\log_writer_child.exe\" \"%s\" %s %d %d %llu %s", kxtest::BinDir().c_str(),
                                       stem.c_str(), module.c_str(), w, kLines, kLimit, goName.c_str());
-        STARTUPINFOW si{};
-        si.cb = sizeof si;
-        PROCESS_INFORMATION pi{};
-        ASSERT_TRUE(::CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi));
-        ::CloseHandle(pi.hThread);
-        children.emplace_back(pi.hProcess);
+        children.emplace_back(kxtest::Spawn(cmd));
+        ASSERT_TRUE(children.back());
     }
     ::SetEvent(go.get());
     for (auto& c : children) {

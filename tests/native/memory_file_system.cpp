@@ -1,7 +1,6 @@
 #include "memory_file_system.h"
 
 #include <cstring>
-#include <filesystem>
 
 namespace kxnative {
 
@@ -44,12 +43,25 @@ private:
 };
 
 std::u16string MemoryFileSystem::Normalise(const std::u16string& path) {
-    std::u16string slashed = u"/" + path;
-    for (char16_t& c : slashed)
-        if (c == u'\\') c = u'/';
-    std::u16string out = std::filesystem::path(slashed).lexically_normal().u16string();
-    while (out.size() > 1 && out.back() == u'/') out.pop_back();
-    return out;
+    // By hand: paths from hostile images need not be valid UTF-16.
+    std::vector<std::u16string> parts;
+    std::u16string part;
+    auto flush = [&] {
+        if (part == u"..") {
+            if (!parts.empty()) parts.pop_back();
+        } else if (!part.empty() && part != u".") {
+            parts.push_back(part);
+        }
+        part.clear();
+    };
+    for (char16_t c : path) {
+        if (c == u'/' || c == u'\\') flush();
+        else part.push_back(c);
+    }
+    flush();
+    std::u16string out;
+    for (const auto& p : parts) out += u"/" + p;
+    return out.empty() ? u"/" : out;
 }
 
 void MemoryFileSystem::Put(const std::u16string& path, Bytes bytes) {

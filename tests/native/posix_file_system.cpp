@@ -71,14 +71,26 @@ Status OpenWith(const std::u16string& path, int flags, std::unique_ptr<kx::vhd::
 
 }  // namespace
 
+// A path that does not convert (a lone surrogate from a damaged image) is
+// empty, and opens nothing.
 std::string ToUtf8(const std::u16string& path) {
     std::u16string slashed = path;
     for (char16_t& c : slashed)
         if (c == u'\\') c = u'/';
-    return std::filesystem::path(slashed).string();
+    try {
+        return std::filesystem::path(slashed).string();
+    } catch (const std::exception&) {
+        return {};
+    }
 }
 
-std::u16string FromUtf8(const std::string& path) { return std::filesystem::path(path).u16string(); }
+std::u16string FromUtf8(const std::string& path) {
+    try {
+        return std::filesystem::path(path).u16string();
+    } catch (const std::exception&) {
+        return {};
+    }
+}
 
 Status OpenPosixFile(const std::u16string& path, bool writable, std::unique_ptr<kx::vhd::PositionedFile>* file) {
     return OpenWith(path, writable ? O_RDWR : O_RDONLY, file);

@@ -149,8 +149,8 @@ TEST(VhdHostile, DamagedImagesGiveTheirCodes) {
         // Recoverable: the size is the footer's current size, never the
         // product of the geometry (which may be anything in a foreign file);
         // the trailing footer lost or cut off while the front copy remains.
-        {"GeometryIgnored", 'd', footerField(56, 4, 0x00010101), 0},
-        {"FixedGeometryIgnored", 'f', footerField(56, 4, 0x00010101), 0},
+        {"GeometryIgnored", 'd', footer([](F& f) { f.cylinders.set(1); f.heads = 1; f.sectorsPerTrack = 1; }), 0},
+        {"FixedGeometryIgnored", 'f', footer([](F& f) { f.cylinders.set(1); f.heads = 1; f.sectorsPerTrack = 1; }), 0},
         {"TrailingFooterLost", 'd', [](Bytes& b) { b[b.size() - kSector] = 'X'; }, 0},
         {"TrailingFooterCutOff", 'd', [](Bytes& b) { b.resize(b.size() - kSector); }, 0},
     };

@@ -1,5 +1,5 @@
 // Reads, writes and sector bitmaps of single disks and of chains, against a
-// byte-exact model of what each disk should hold.
+// byte-exact model of what each disk should hold and the sectors written.
 #include <set>
 
 #include "vhd_test_util.h"
@@ -26,6 +26,22 @@ std::vector<std::pair<uint64_t, uint32_t>> EdgeWrites(uint32_t spb, uint64_t tot
     return writes;
 }
 
+// The bitmap answer for [start, start + 8 * bytes), computed from the set of
+// sectors written to this file.
+void ExpectBitmap(VhdDisk& disk, const std::set<uint64_t>& present, bool all, uint64_t start, uint32_t bytes) {
+    Bytes bits(bytes + 4, 0xAA);
+    uint64_t aligned = 1, valid = 1;
+    ASSERT_EQ(disk.GetBitmap(start, bytes, &aligned, &valid, bits.data()), 0u);
+    ASSERT_EQ(aligned, start / 8 * 8);
+    const uint64_t total = disk.SectorCount();
+    ASSERT_EQ(valid, aligned >= total ? 0 : std::min<uint64_t>(8ull * bytes, total - aligned)) << start;
+    for (uint64_t i = 0; i < 8ull * bytes; ++i) {
+        const bool want = i < valid && (all || present.count(aligned + i));
+        ASSERT_EQ((bits[i / 8] >> (i % 8)) & 1, want ? 1 : 0) << "start " << start << " bit " << i;
+    }
+    for (uint32_t i = bytes; i < bytes + 4; ++i) ASSERT_EQ(bits[i], 0xAA) << "wrote past the buffer";
+}
+
 TEST_P(VhdRoundTrip, ScatteredWritesReadBack) {
     const Layout& L = GetParam();
     ScratchDir dir;
@@ -45,7 +61,11 @@ TEST_P(VhdRoundTrip, ScatteredWritesReadBack) {
     ASSERT_EQ(CreatePosix(dir / "d.vhd", L.type, total * kSector, &disk, parent, L.blockSize), 0u);
     ASSERT_EQ(disk->SectorCount(), total);
     uint32_t seed = 2;
-    for (auto [first, count] : EdgeWrites(spb, total)) WriteBoth(*disk, model, first, count, seed++);
+    std::set<uint64_t> present;
+    for (auto [first, count] : EdgeWrites(spb, total)) {
+        WriteBoth(*disk, model, first, count, seed++);
+        for (uint64_t i = first; i < first + count; ++i) present.insert(i);
+    }
     EXPECT_EQ(ReadAll(*disk), model.data);
     ASSERT_EQ(disk->Flush(), 0u);
 
@@ -53,6 +73,28 @@ TEST_P(VhdRoundTrip, ScatteredWritesReadBack) {
     ASSERT_EQ(OpenPosix(dir / "d.vhd", false, &disk), 0u);
     EXPECT_EQ(ReadAll(*disk), model.data);
     if (!parent.empty()) EXPECT_EQ(ReadFile(parent), parentBefore);
+
+    // Its bitmap: every sector of a fixed disk, else the sectors written to
+    // this file (not its parent's), for requests starting and ending anywhere.
+    for (uint64_t start : std::initializer_list<uint64_t>{0, 5, 8, spb - 6, spb, 2ull * spb + 1, total - 9, total - 1,
+                                                          total, total + 100})
+        for (uint32_t bytes : {0u, 1u, 3u, 512u, 700u, 2000u})
+            ExpectBitmap(*disk, present, L.type == DiskType::kFixed, start, bytes);
+    uint64_t aligned, valid;
+    uint8_t byte;
+    EXPECT_EQ(disk->GetBitmap(0, 0, &aligned, &valid, nullptr), 0u);
+    EXPECT_EQ(valid, 0u);
+    EXPECT_EQ(disk->GetBitmap(0, 1, nullptr, &valid, &byte), kx::vhd::kInvalidParameter);
+    EXPECT_EQ(disk->GetBitmap(0, 1, &aligned, &valid, nullptr), kx::vhd::kInvalidParameter);
+    if (L.type != DiskType::kFixed) {
+        // On disk a block's bitmap is most significant bit first: sectors 0,
+        // 3..7 (and 8..12 where the block holds them) are 0x9F 0xF8.
+        const Bytes raw = ReadFile(dir / "d.vhd");
+        const uint64_t table = GetRaw<kx::vhd::RawDynamicHeader>(raw, 512).tableOffset.get();
+        const uint64_t block0 = uint64_t{BatEntry(raw, table, 0)} * kSector;
+        EXPECT_EQ(raw.at(block0), 0x9F);
+        if (spb > 8) EXPECT_EQ(raw.at(block0 + 1), 0xF8);
+    }
 
     // And keeps taking writes after a reopen.
     ASSERT_EQ(OpenPosix(dir / "d.vhd", true, &disk), 0u);
@@ -93,69 +135,6 @@ TEST(VhdIo, RejectsOutOfRangeAndReadOnlyAccess) {
     ASSERT_EQ(VhdDisk::Open(std::move(file), u"/d.vhd", false, mem, &disk), 0u);
     EXPECT_EQ(disk->Write(0, 1, buf), kx::vhd::kAccessDenied);
     EXPECT_EQ(disk->Flush(), 0u);
-}
-
-// The bitmap answer for [start, start + 8 * bytes), computed from the set of
-// sectors written to this file.
-void ExpectBitmap(VhdDisk& disk, const std::set<uint64_t>& present, bool all, uint64_t start, uint32_t bytes) {
-    Bytes bits(bytes + 4, 0xAA);
-    uint64_t aligned = 1, valid = 1;
-    ASSERT_EQ(disk.GetBitmap(start, bytes, &aligned, &valid, bits.data()), 0u);
-    ASSERT_EQ(aligned, start / 8 * 8);
-    const uint64_t total = disk.SectorCount();
-    ASSERT_EQ(valid, aligned >= total ? 0 : std::min<uint64_t>(8ull * bytes, total - aligned)) << start;
-    for (uint64_t i = 0; i < 8ull * bytes; ++i) {
-        const bool want = i < valid && (all || present.count(aligned + i));
-        ASSERT_EQ((bits[i / 8] >> (i % 8)) & 1, want ? 1 : 0) << "start " << start << " bit " << i;
-    }
-    for (uint32_t i = bytes; i < bytes + 4; ++i) ASSERT_EQ(bits[i], 0xAA) << "wrote past the buffer";
-}
-
-TEST(VhdBitmap, ReportsSectorsPresentInThisFileOnly) {
-    ScratchDir dir;
-    const uint32_t spb = 4096;
-    const uint64_t total = 3 * spb + 301;
-    std::unique_ptr<VhdDisk> disk;
-    Model model(total * kSector);
-    std::vector<uint64_t> starts = {0, 5, 8, 4090, 4095, 4096, 12287, total - 9, total - 1, total, total + 100};
-    std::vector<uint32_t> sizes = {0, 1, 2, 3, 512, 700, 2000};
-
-    ASSERT_EQ(CreatePosix(dir / "f.vhd", DiskType::kFixed, total * kSector, &disk), 0u);
-    for (uint64_t s : starts)
-        for (uint32_t b : sizes) ExpectBitmap(*disk, {}, true, s, b);
-
-    // Parent and child each hold their own sectors; the child reports its own.
-    ASSERT_EQ(CreatePosix(dir / "p.vhd", DiskType::kDynamic, total * kSector, &disk), 0u);
-    WriteBoth(*disk, model, 0, 64, 1);
-    WriteBoth(*disk, model, spb, 8, 1);
-    disk.reset();
-    ASSERT_EQ(CreatePosix(dir / "c.vhd", DiskType::kDifferencing, 0, &disk, dir / "p.vhd"), 0u);
-    for (uint64_t s : starts)
-        for (uint32_t b : sizes) ExpectBitmap(*disk, {}, false, s, b);
-    std::set<uint64_t> present;
-    for (auto [first, count] : EdgeWrites(spb, total)) {
-        WriteBoth(*disk, model, first, count, 2);
-        for (uint64_t i = first; i < first + count; ++i) present.insert(i);
-    }
-    ASSERT_EQ(OpenPosix(dir / "c.vhd", false, &disk), 0u);
-    for (uint64_t s : starts)
-        for (uint32_t b : sizes) ExpectBitmap(*disk, present, false, s, b);
-    EXPECT_EQ(ReadAll(*disk), model.data);
-
-    // On disk the block bitmap is most significant bit first: sectors 0, 3..7
-    // and 8..12 of block 0 are 0x9F 0xF8.
-    const Bytes raw = ReadFile(dir / "c.vhd");
-    const uint64_t table = GetRaw<kx::vhd::RawDynamicHeader>(raw, 512).tableOffset.get();
-    const uint64_t block0 = uint64_t{BatEntry(raw, table, 0)} * kSector;
-    EXPECT_EQ(raw.at(block0), 0x9F);
-    EXPECT_EQ(raw.at(block0 + 1), 0xF8);
-
-    uint64_t aligned, valid;
-    uint8_t byte;
-    EXPECT_EQ(disk->GetBitmap(0, 0, &aligned, &valid, nullptr), 0u);
-    EXPECT_EQ(valid, 0u);
-    EXPECT_EQ(disk->GetBitmap(0, 1, nullptr, &valid, &byte), kx::vhd::kInvalidParameter);
-    EXPECT_EQ(disk->GetBitmap(0, 1, &aligned, &valid, nullptr), kx::vhd::kInvalidParameter);
 }
 
 // A write that fails part-way, at any of its file writes, leaves an image

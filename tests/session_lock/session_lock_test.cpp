@@ -184,13 +184,8 @@ public:
         stop_.reset(::CreateEventW(nullptr, TRUE, FALSE, (L"kx_sl_stop_" + tag).c_str()));
         std::wstring cmd = L"\"" + kxtest::BinDir() + L"\\session_lock_child.exe\" \"" + root + L"\" 11 \"" +
                            kDesc + L"\" kx_sl_ready_" + tag + L" kx_sl_stop_" + tag + L" " + exclude + L" " + sessions;
-        STARTUPINFOW si{};
-        si.cb = sizeof si;
-        PROCESS_INFORMATION pi{};
-        if (!::CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) return;
-        process_.reset(pi.hProcess);
-        ::CloseHandle(pi.hThread);
-        pid_ = pi.dwProcessId;
+        process_ = kxtest::Spawn(cmd, &pid_);
+        if (!process_) return;
         HANDLE both[] = {ready_.get(), process_.get()};
         ready = ::WaitForMultipleObjects(2, both, FALSE, 30000) == WAIT_OBJECT_0;
     }

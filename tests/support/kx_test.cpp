@@ -165,6 +165,17 @@ std::vector<LogLine> LogCursor::Matching(const std::wstring& needle) const {
     return out;
 }
 
+kx::unique_handle Spawn(const std::wstring& commandLine, DWORD* pid) {
+    STARTUPINFOW si{};
+    si.cb = sizeof si;
+    PROCESS_INFORMATION pi{};
+    std::wstring cmd = commandLine;
+    if (!::CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) return {};
+    kx::unique_handle thread(pi.hThread);
+    if (pid) *pid = pi.dwProcessId;
+    return kx::unique_handle(pi.hProcess);
+}
+
 DWORD RunCapture(const std::wstring& commandLine, std::string* output, DWORD timeoutMs) {
     ScratchDir d;
     const std::wstring outFile = d / L"out.txt";

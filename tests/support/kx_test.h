@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "common/unique_resource.h"
+
 namespace kxtest {
 
 // A fresh, empty folder under %TEMP%, removed with everything in it at the
@@ -88,6 +90,9 @@ private:
 inline const wchar_t* kDebugKey = L"SOFTWARE\\Veltrana\\Quillon\\Engine\\Debug";
 inline const wchar_t* kInstallPathKey = L"SOFTWARE\\Veltrana\\Quillon\\Engine\\InstallPath";
 
+// Starts a helper program (it joins this test run); the process handle, empty
+// when it can't start.
+kx::unique_handle Spawn(const std::wstring& commandLine, DWORD* pid = nullptr);
 // Runs a program with stdout and stderr captured (UTF-8 text), returns its
 // exit code.
 DWORD RunCapture(const std::wstring& commandLine, std::string* output, DWORD timeoutMs = 300000);

@@ -451,16 +451,20 @@ void Hive::ForEachSubkey(uint32_t nk, const auto& fn) const {
 
 Result Hive::FindChild(uint32_t nk, std::u16string_view name, uint32_t* child) const {
     uint32_t hash = NameHash(name);
-    // Hashes written by other tools may fold non-ASCII letters differently;
-    // such names are compared in full.
-    bool hashReliable = StoreCompressed(name);
+    // Hashes written by other tools may fold non-ASCII letters differently,
+    // and a damaged hash must not hide a key: a miss among the matching
+    // hashes is followed by a pass over every name.
+    bool useHash = StoreCompressed(name);
     uint32_t found = kNone;
-    ForEachSubkey(nk, [&](uint32_t c, bool hasHash, uint32_t h) {
-        if (hasHash && hashReliable && h != hash) return true;
-        if (!NamesEqual(KeyName(c), name)) return true;
-        found = c;
-        return false;
-    });
+    for (int pass = 0; pass < 2 && found == kNone; ++pass, useHash = false) {
+        ForEachSubkey(nk, [&](uint32_t c, bool hasHash, uint32_t h) {
+            if (hasHash && useHash && h != hash) return true;
+            if (!NamesEqual(KeyName(c), name)) return true;
+            found = c;
+            return false;
+        });
+        if (!useHash) break;
+    }
     if (found == kNone) return kNotFound;
     *child = found;
     return kOk;

@@ -61,6 +61,14 @@ bool IsBigData(const uint8_t* p, uint32_t bytes, uint32_t minor, uint32_t length
     return count > 0 && (count - 1) * kSegment < length && count * kSegment >= length;
 }
 
+// Marks a cell as owned by one structure; false when another owns it already
+// (a loop, or two structures sharing or overlapping one cell).
+bool Claim(std::vector<uint8_t>& claimed, uint32_t off) {
+    if (claimed[off / 8]) return false;
+    claimed[off / 8] = 1;
+    return true;
+}
+
 enum class ListKind { kNone, kLi, kLf, kLh, kRi };
 ListKind KindOf(const uint8_t* p) {
     if (Sig(p, "li")) return ListKind::kLi;
@@ -184,8 +192,7 @@ Result Hive::ValidateTree() {
     while (!stack.empty()) {
         auto [nk, depth] = stack.back();
         stack.pop_back();
-        if (depth > kMaxDepth || !IsKeyCell(nk) || claimed[nk / 8]) return kBadDb;
-        claimed[nk / 8] = 1;
+        if (depth > kMaxDepth || !IsKeyCell(nk) || !Claim(claimed, nk)) return kBadDb;
         children.clear();
         if (Result r = ValidateKey(nk, &children, &claimed); r != kOk) return r;
         for (uint32_t child : children) stack.emplace_back(child, depth + 1);
@@ -194,11 +201,7 @@ Result Hive::ValidateTree() {
 }
 
 Result Hive::ValidateKey(uint32_t nk, std::vector<uint32_t>* children, std::vector<uint8_t>* claimed) {
-    auto claim = [&](uint32_t off) {
-        if ((*claimed)[off / 8]) return false;
-        (*claimed)[off / 8] = 1;
-        return true;
-    };
+    auto claim = [claimed](uint32_t off) { return Claim(*claimed, off); };
     uint32_t bytes = 0;
     const uint8_t* p = Payload(nk, &bytes);
     if (Le16(p + kNkNameLen) > bytes - kNkName) return kBadDb;
@@ -256,11 +259,7 @@ Result Hive::ValidateKey(uint32_t nk, std::vector<uint32_t>* children, std::vect
 }
 
 Result Hive::ValidateValue(uint32_t vk, std::vector<uint8_t>* claimed) {
-    auto claim = [&](uint32_t off) {
-        if ((*claimed)[off / 8]) return false;
-        (*claimed)[off / 8] = 1;
-        return true;
-    };
+    auto claim = [claimed](uint32_t off) { return Claim(*claimed, off); };
     uint32_t bytes = 0;
     const uint8_t* p = Payload(vk, &bytes);
     if (!p || bytes < kVkName || !Sig(p, "vk") || Le16(p + kVkNameLen) > bytes - kVkName || !claim(vk)) return kBadDb;

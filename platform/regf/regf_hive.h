@@ -45,6 +45,27 @@
 
 namespace kx::regf {
 
+// Leaves new elements uninitialised on resize(n): the hive image is read over
+// at once, and touching tens of MiB twice costs more than the read.
+template <class T>
+struct UninitialisedAllocator : std::allocator<T> {
+    template <class U>
+    struct rebind {
+        using other = UninitialisedAllocator<U>;
+    };
+    UninitialisedAllocator() = default;
+    template <class U>
+    UninitialisedAllocator(const UninitialisedAllocator<U>&) noexcept {}
+    template <class U>
+    void construct(U* p) noexcept {
+        ::new (static_cast<void*>(p)) U;
+    }
+    template <class U, class... Args>
+    void construct(U* p, Args&&... args) {
+        ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+    }
+};
+
 using Result = uint32_t;
 inline constexpr Result kOk = 0;
 inline constexpr Result kNotFound = 2;
@@ -193,7 +214,7 @@ private:
 
     std::unique_ptr<vhd::PositionedFile> file_;
     std::vector<uint8_t> base_;
-    std::vector<uint8_t> data_;        // the hive bins, from file offset 4096
+    std::vector<uint8_t, UninitialisedAllocator<uint8_t>> data_;  // the hive bins, from file offset 4096
     std::vector<uint32_t> binStarts_;  // sorted
     std::vector<uint8_t> dirtyPages_;  // one flag per 4 KiB page of data_
     std::map<uint32_t, uint32_t> freeByOffset_;

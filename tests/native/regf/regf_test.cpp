@@ -7,6 +7,7 @@
 #include <set>
 
 #include "platform/regf/regf_names.h"
+#include "platform/regf/regf_values.h"
 #include "regf/regf_test_util.h"
 
 using namespace kx::regf;
@@ -93,12 +94,9 @@ TEST(RegfOracle, EngineWrittenHivesReadByAllReaders) {
         }
         uint32_t dw = 0xDEADBEEF;
         uint64_t qw = 0x0123456789ABCDEFull;
-        Bytes sz = Utf16z(u"C:\\Program Files\\Kestrix"), ex = Utf16z(u"%SystemRoot%\\system32"), ms;
-        for (auto s : {u"one", u"two", u"three"}) {
-            Bytes p = Utf16z(s);
-            ms.insert(ms.end(), p.begin(), p.end());
-        }
-        ms.insert(ms.end(), {0, 0});
+        Bytes sz = Utf16z(u"C:\\Program Files\\Kestrix"), ex = Utf16z(u"%SystemRoot%\\system32");
+        Bytes ms = EncodeMultiString({u"one", u"two", u"three"});
+        EXPECT_TRUE(sz == EncodeString(u"C:\\Program Files\\Kestrix"));
         EXPECT_EQ(kOk, hive->SetValue(soft, u"Dword", kRegDword, &dw, 4));
         EXPECT_EQ(kOk, hive->SetValue(soft, u"Qword", kRegQword, &qw, 8));
         EXPECT_EQ(kOk, hive->SetValue(soft, u"Path", kRegSz, sz.data(), sz.size()));
@@ -116,6 +114,15 @@ TEST(RegfOracle, EngineWrittenHivesReadByAllReaders) {
         ASSERT_EQ(kOk, hive->CreateKey(soft, u"Doomed\\A\\B", &k));
         EXPECT_EQ(kOk, hive->SetValue(k, u"x", kRegBinary, big.data(), big.size()));
         EXPECT_EQ(kOk, hive->DeleteKeyTree(soft, u"DOOMED"));
+        Value read;
+        ASSERT_EQ(kOk, hive->GetValue(soft, u"multi", &read));
+        EXPECT_EQ((std::vector<std::u16string>{u"one", u"two", u"three"}), DecodeMultiString(read.data));
+        ASSERT_EQ(kOk, hive->GetValue(soft, u"EXPAND", &read));
+        EXPECT_EQ(u"%SystemRoot%\\system32", DecodeString(read.data));
+        ASSERT_EQ(kOk, hive->GetValue(soft, u"binj00", &read));
+        uint32_t back = 0;
+        EXPECT_TRUE(DecodeDword(read.data, &back));
+        EXPECT_EQ(dw, back);
         CheckWithReaders(*hive, CommitToFile(*hive, fs, "engine-1." + std::to_string(minor) + ".hive"));
     }
 }

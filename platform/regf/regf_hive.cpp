@@ -691,11 +691,12 @@ void Hive::FreeKeyCells(uint32_t nk) {
 
 Result Hive::DeleteKeyTree(Key base, std::u16string_view path) {
     if (Result r = CheckKey(base); r != kOk) return r;
+    auto parts = SplitPath(path);
+    if (parts.empty()) return kInvalidParameter;
     Key target;
     if (Result r = OpenKey(base, path, &target); r != kOk) return r;
     if (readOnly_ || target.cell == root_) return kAccessDenied;
     uint32_t parent = base.cell;
-    auto parts = SplitPath(path);
     parts.pop_back();
     for (auto part : parts) FindChild(parent, part, &parent);
     RemoveChild(parent, target.cell);

@@ -154,7 +154,8 @@ public:
     // Creates every missing component of the path; `created` (optional) tells
     // whether the last one was new. New keys share their parent's security.
     Result CreateKey(Key base, std::u16string_view path, Key* key, bool* created = nullptr);
-    // Deletes the key at `path` below `base` with everything beneath it.
+    // Deletes the key at `path` below `base` with everything beneath it; the
+    // path must name at least one component (kInvalidParameter otherwise).
     Result DeleteKeyTree(Key base, std::u16string_view path);
 
     Result GetKeyInfo(Key key, KeyInfo* info) const;

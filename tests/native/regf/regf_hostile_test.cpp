@@ -165,6 +165,8 @@ TEST(RegfHostile, HandMadeIndexKindsEditedAndReadBack) {
     Key k;
     for (auto name : {u"banana", u"Date", u"fig", u"aaa"}) ASSERT_EQ(kOk, hive->CreateKey(hive->Root(), name, &k));
     EXPECT_EQ(kOk, hive->DeleteKeyTree(hive->Root(), u"CHERRY"));
+    EXPECT_EQ(kNotFound, hive->DeleteKeyTree(hive->Root(), u"cherry"));
+    EXPECT_EQ(kInvalidParameter, hive->DeleteKeyTree(hive->Root(), u"\\"));
     KeyInfo info;
     EXPECT_EQ(kKeyDeleted, hive->GetKeyInfo(Key{c}, &info));
     std::vector<std::string> names;

@@ -23,6 +23,9 @@
 // opens read-only unless OpenOptions::acceptDirty is set; then the next
 // commit writes a consistent base block with equal sequence numbers.
 //
+// A Hive is used by one thread at a time; it holds the whole hive in memory
+// and its file until destroyed. Destroying it does not commit.
+//
 // Commit order: primary sequence +1 and the base block written (still with
 // the bins length that is on disk) and flushed; then the changed 4 KiB pages
 // of the bins, new bins first, flushed; then secondary = primary, the new

@@ -328,6 +328,7 @@ void Hive::WriteBytes(uint32_t off, const void* data, size_t bytes) {
 }
 
 void Hive::Touch(uint32_t off, uint32_t bytes) {
+    if (bytes == 0) return;
     for (uint32_t p = off / kPage; p <= (off + bytes - 1) / kPage; ++p) dirtyPages_[p] = 1;
     changed_ = true;
 }

@@ -259,10 +259,3 @@ if __name__ == '__main__':
         sys.exit(check(sys.argv[2], sys.argv[3], '--no-regfexport' not in sys.argv))
     elif cmd == 'bench':
         bench_edits(sys.argv[2], int(sys.argv[3]), int(sys.argv[4]))
-    elif cmd == 'set':  # set <hive> <key path> <name> <type> <hex>
-        h = hivex.Hivex(sys.argv[2], write=True)
-        node = h.root()
-        for part in [p for p in sys.argv[3].split('\\') if p]:
-            node = h.node_get_child(node, part)
-        h.node_set_value(node, {'key': sys.argv[4], 't': int(sys.argv[5]), 'value': bytes.fromhex(sys.argv[6])})
-        h.commit(None)

@@ -12,6 +12,8 @@ pkgs=(
   clang libclang-rt-14-dev     # native sanitizer and libFuzzer builds
   qemu-utils                   # independent VHD writer/checker
   libvhdi-utils python3-libvhdi  # independent VHD reader
+  python3-hivex libhivex-bin     # independent registry hive writer/reader
+  libregf-utils reglookup        # independent registry hive readers
   python3
   procps                       # pgrep, used to keep Wine services detached
 )

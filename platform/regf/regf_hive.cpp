@@ -62,9 +62,10 @@ bool IsBigData(const uint8_t* p, uint32_t bytes, uint32_t minor, uint32_t length
 }
 
 // Marks a cell as owned by one structure; false when another owns it already
-// (a loop, or two structures sharing or overlapping one cell).
+// (a loop, two structures sharing one cell) or when `off` is not where an
+// allocated cell starts (a structure overlapping other cells).
 bool Claim(std::vector<uint8_t>& claimed, uint32_t off) {
-    if (claimed[off / 8]) return false;
+    if (claimed[off / 8] != 0) return false;
     claimed[off / 8] = 1;
     return true;
 }
@@ -155,14 +156,16 @@ Result Hive::Load(const OpenOptions& options) {
     data_.resize(dataBytes);
     if (Result r = file_->ReadAt(kBaseBytes, data_.data(), dataBytes); r != kOk) return r == vhd::kHandleEof ? kBadDb : r;
     dirtyPages_.assign(dataBytes / kPage, 0);
-    if (Result r = ValidateBins(); r != kOk) return r;
-    if (Result r = ValidateTree(); r != kOk) return r;
+    std::vector<uint8_t> claimed;
+    if (Result r = ValidateBins(&claimed); r != kOk) return r;
+    if (Result r = ValidateTree(&claimed); r != kOk) return r;
     readOnly_ = !options.writable || (wasDirty_ && !options.acceptDirty);
     return kOk;
 }
 
-Result Hive::ValidateBins() {
+Result Hive::ValidateBins(std::vector<uint8_t>* claimed) {
     const uint32_t size = uint32_t(data_.size());
+    claimed->assign(size / 8, 1);
     uint32_t off = 0;
     while (off < size) {
         const uint8_t* h = data_.data() + off;
@@ -177,7 +180,10 @@ Result Hive::ValidateBins() {
             if (raw == 0 || raw == INT32_MIN) return kBadDb;
             uint32_t cellBytes = raw < 0 ? uint32_t(-raw) : uint32_t(raw);
             if (cellBytes % 8 != 0 || cellBytes > end - c) return kBadDb;
-            if (raw > 0) AddFree(c, cellBytes);
+            if (raw > 0)
+                AddFree(c, cellBytes);
+            else
+                (*claimed)[c / 8] = 0;
             c += cellBytes;
         }
         off = end;
@@ -185,8 +191,8 @@ Result Hive::ValidateBins() {
     return kOk;
 }
 
-Result Hive::ValidateTree() {
-    std::vector<uint8_t> claimed(data_.size() / 8, 0);
+Result Hive::ValidateTree(std::vector<uint8_t>* claimedCells) {
+    std::vector<uint8_t>& claimed = *claimedCells;
     std::vector<std::pair<uint32_t, uint32_t>> stack{{root_, 0}};
     std::vector<uint32_t> children;
     while (!stack.empty()) {
@@ -206,14 +212,22 @@ Result Hive::ValidateKey(uint32_t nk, std::vector<uint32_t>* children, std::vect
     const uint8_t* p = Payload(nk, &bytes);
     if (Le16(p + kNkNameLen) > bytes - kNkName) return kBadDb;
 
+    // Security cells are shared by many keys: each must be a whole cell of
+    // its own (marked 2), never one that another structure owns.
+    auto securityCell = [claimed](uint32_t off) {
+        uint8_t& c = (*claimed)[off / 8];
+        if (c == 1) return false;
+        c = 2;
+        return true;
+    };
     uint32_t skBytes = 0;
     uint32_t sk = Le32(p + kNkSecurity);
     const uint8_t* s = Payload(sk, &skBytes);
-    if (!s || skBytes < kSkHeader || !Sig(s, "sk")) return kBadDb;
+    if (!s || skBytes < kSkHeader || !Sig(s, "sk") || !securityCell(sk)) return kBadDb;
     for (uint32_t link : {Le32(s + kSkNext), Le32(s + kSkPrev)}) {
         uint32_t lb = 0;
         const uint8_t* l = Payload(link, &lb);
-        if (!l || lb < kSkHeader || !Sig(l, "sk")) return kBadDb;
+        if (!l || lb < kSkHeader || !Sig(l, "sk") || !securityCell(link)) return kBadDb;
     }
 
     if (uint16_t classLen = Le16(p + kNkClassLen); classLen > 0 && Le32(p + kNkClass) != kNone) {

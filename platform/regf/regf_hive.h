@@ -177,8 +177,11 @@ private:
     Hive() = default;
     struct Cell;
     Result Load(const OpenOptions& options);
-    Result ValidateBins();
-    Result ValidateTree();
+    // `claimed` gets one entry per 8 bytes of hive data: 0 where an allocated
+    // cell starts, 1 everywhere else, so that a structure can only be the
+    // whole of a cell that the bins really hold.
+    Result ValidateBins(std::vector<uint8_t>* claimed);
+    Result ValidateTree(std::vector<uint8_t>* claimed);
     Result ValidateKey(uint32_t nk, std::vector<uint32_t>* children, std::vector<uint8_t>* claimed);
     Result ValidateValue(uint32_t vk, std::vector<uint8_t>* claimed);
 

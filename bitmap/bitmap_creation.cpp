@@ -216,7 +216,9 @@ DWORD CreateSessionBitmapEx(const wchar_t* path, const wchar_t* bitmapRoot, DWOR
     constexpr const wchar_t* fn = kCreateSessionBitmapEx.name;
     return RunExport<kCreateSessionBitmapEx>(
         [&](auto& frame) -> DWORD {
-            if (IsNullOrEmpty(path) || (bitmapRoot && !*bitmapRoot)) return frame.InvalidParameter();
+            // Its line for a bad argument is its end line.
+            if (IsNullOrEmpty(path) || (bitmapRoot && !*bitmapRoot))
+                return frame.WithoutEndLine(frame.InvalidParameter());
             std::vector<std::wstring> roots;
             DWORD rc = GetBackupDestList(path, roots);
             if (rc) {

@@ -23,10 +23,7 @@ struct FakeDisk final : kx::vdisk::IVDisk {
     static inline bool sawPassword = false;
 
     DWORD GetSize(ULONGLONG* b) override { return *b = sectors * 512 + 100, 0; }  // a partial sector is not counted
-    DWORD GetGeometry(kx::vdisk::Geometry* g) override {
-        *g = {1024, 12, 16, 63, 512};
-        return 0;
-    }
+    DWORD GetGeometry(kx::vdisk::Geometry* g) override { return *g = {1024, 12, 16, 63, 512}, 0; }
     DWORD GetType(DWORD* t) override { return *t = type, 0; }
     DWORD GetBitmap(LONGLONG start, DWORD byteCount, DiskBitmapBuffer* b) override {
         calls.push_back(start);
@@ -71,15 +68,12 @@ protected:
     DWORD Write(const wchar_t* name = L"disk0000000001.zek") {
         return kx::bitmap::CreateBitmap4ZekFile(session.c_str(), target.path().c_str(), name, 0);
     }
-    std::vector<uint8_t> Body() {
+    // The bitmap file's body, after the header (of 256 bytes) that `header` gets.
+    std::vector<uint8_t> Body(kx::bitmap::BitmapFileHeader* header = nullptr) {
         auto all = kxtest::ReadBytes(target / L"disk0000000001.Bitmap");
-        return all.size() < 256 ? std::vector<uint8_t>{} : std::vector<uint8_t>(all.begin() + 256, all.end());
-    }
-    const kx::bitmap::BitmapFileHeader Header() {
-        auto all = kxtest::ReadBytes(target / L"disk0000000001.Bitmap");
-        kx::bitmap::BitmapFileHeader h{};
-        if (all.size() >= 256) std::memcpy(&h, all.data(), 256);
-        return h;
+        if (all.size() < 256) return {};
+        if (header) std::memcpy(header, all.data(), 256);
+        return std::vector<uint8_t>(all.begin() + 256, all.end());
     }
     ScratchDir dest, target;
     std::wstring session;
@@ -98,8 +92,9 @@ TEST_F(BitmapWriter, CopiesTheDiskBitmapWithHeader) {
     ASSERT_EQ(Write(), 0u);
     EXPECT_EQ(FakeDisk::openedPath, session + L"\\disk0000000001.zek");
     EXPECT_FALSE(FakeDisk::sawPassword);
-    EXPECT_EQ(Body(), FakeDisk::bits);
-    EXPECT_EQ(Header().totalSectors, FakeDisk::sectors);
+    kx::bitmap::BitmapFileHeader header{};
+    EXPECT_EQ(Body(&header), FakeDisk::bits);
+    EXPECT_EQ(header.totalSectors, FakeDisk::sectors);
 }
 
 TEST_F(BitmapWriter, FailuresAreLoggedAndReturned) {

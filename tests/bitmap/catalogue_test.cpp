@@ -97,50 +97,36 @@ TEST(BitmapCatalogue, DeleteAllMarksSessionZero) {
 
 // ---- the union reader over prepared bitmap files -------------------------
 
-namespace {
-struct Chain {
-    ScratchDir d;
-    std::vector<std::vector<uint8_t>> bodies;  // per session 1..n
-
-    // Session n's bitmap of disk0000000001 over 100 sectors, `differencing` flag.
-    void Add(unsigned n, uint32_t differencing, uint32_t seed) {
-        std::vector<uint8_t> body(13);
-        for (size_t i = 0; i < body.size(); ++i) body[i] = static_cast<uint8_t>(seed * 37 + i * 11);
-        body.back() &= 0x0F;
-        kxtest::WriteBackupInfo(d.path() + L"\\VStore\\" + S(n), n, differencing ? "Incremental" : "Full");
-        kxtest::MakeDirs(d.path() + L"\\VCM-bitmap\\" + S(n));
-        kxtest::WriteBitmapFile(d.path() + L"\\VCM-bitmap\\" + S(n) + L"\\disk0000000001.Bitmap", 100, body,
-                                differencing);
-        if (bodies.size() < n) bodies.resize(n);
-        bodies[n - 1] = body;
-    }
-    std::wstring Disk(unsigned n) { return d.path() + L"\\VStore\\" + S(n) + L"\\disk0000000001.zek"; }
-};
-}  // namespace
-
+// Sessions 1 (full) and 2 with a bitmap of disk0000000001 over 100 sectors.
 TEST(UnionReader, ChainsOfOneAndMissingSessions) {
-    Chain c;
-    c.Add(1, 0, 21);
-    c.Add(2, 1, 22);
+    ScratchDir d;
+    const std::vector<uint8_t> body{0x15, 0x20, 0x2B, 0x36, 0x41, 0x4C, 0x57, 0x62, 0x6D, 0x78, 0x83, 0x8E, 0x09};
+    for (unsigned n : {1u, 2u}) {
+        kxtest::WriteBackupInfo(d.path() + L"\\VStore\\" + S(n), n, n == 1 ? "Full" : "Incremental");
+        kxtest::MakeDirs(d.path() + L"\\VCM-bitmap\\" + S(n));
+        kxtest::WriteBitmapFile(d.path() + L"\\VCM-bitmap\\" + S(n) + L"\\disk0000000001.Bitmap", 100,
+                                n == 1 ? body : std::vector<uint8_t>(13, 0x0F), n - 1);
+    }
+    auto disk = [&](unsigned n) { return d.path() + L"\\VStore\\" + S(n) + L"\\disk0000000001.zek"; };
     IDiskBmpReader* r = nullptr;
     // The disk's own session is full: its bitmap alone, unchanged.
-    ASSERT_EQ(GetBitmapReader_IncsFromFull(c.Disk(1).c_str(), 0, nullptr, &r), 0u);
+    ASSERT_EQ(GetBitmapReader_IncsFromFull(disk(1).c_str(), 0, nullptr, &r), 0u);
     kxtest::Reader full(r);
     std::vector<uint8_t> raw(DiskBitmapBufferSize(13));
     auto* b = reinterpret_cast<DiskBitmapBuffer*>(raw.data());
     ASSERT_EQ(r->GetBitmap(0, 13, b), 0u);
-    EXPECT_TRUE(std::equal(c.bodies[0].begin(), c.bodies[0].end(), b->bitmap));
+    EXPECT_TRUE(std::equal(body.begin(), body.end(), b->bitmap));
 
     // A session in the range without any prepared folder ends the call.
     kxtest::LogCursor log;
-    ASSERT_EQ(GetBitmapReader_IncsFromFull(c.Disk(4).c_str(), 2, nullptr, &r), 2u);
+    ASSERT_EQ(GetBitmapReader_IncsFromFull(disk(4).c_str(), 2, nullptr, &r), 2u);
     EXPECT_EQ(r, nullptr);
     // A prepared session folder without bitmaps (a full session): 2.
-    kxtest::MakeDirs(c.d.path() + L"\\VCM-bitmap\\" + S(3));
-    ASSERT_EQ(GetBitmapReader_IncsFromFull(c.Disk(3).c_str(), 2, nullptr, &r), 2u);
+    kxtest::MakeDirs(d.path() + L"\\VCM-bitmap\\" + S(3));
+    ASSERT_EQ(GetBitmapReader_IncsFromFull(disk(3).c_str(), 2, nullptr, &r), 2u);
     EXPECT_TRUE(log.Contains(L"GetBmpR_IncsFromFull, no disk.bitmap exists under this sess"));
     EXPECT_EQ(GetBitmapReader_IncsFromFull(L"", 0, nullptr, &r), 0x80070057u);
-    EXPECT_EQ(GetBitmapReader_IncsFromFull(c.Disk(2).c_str(), 0, nullptr, nullptr), 0x80070057u);
+    EXPECT_EQ(GetBitmapReader_IncsFromFull(disk(2).c_str(), 0, nullptr, nullptr), 0x80070057u);
 
     // An empty union has no size.
     auto* empty = new kx::bitmap::CDiskBmpReader_OR({});

@@ -50,16 +50,15 @@ TEST(SessionPath, ParsesRootAndNumber) {
 
 TEST(DestinationRoots, HeaderRootFromLeafIni) {
     ScratchDir d;
-    std::wstring header;
     // No file, or "default": empty answer and a non-zero code.
-    EXPECT_NE(kx::GetHeaderRoot(d.path().c_str(), header), 0u);
-    EXPECT_EQ(header, L"");
-    kxtest::WriteText(d / L"leaf_root.ini", "[HEADER LOCATION]\r\nHeader=DEFAULT\r\n");
-    EXPECT_NE(kx::GetHeaderRoot(d.path().c_str(), header), 0u);
-    EXPECT_EQ(header, L"");
-    kxtest::WriteText(d / L"leaf_root.ini", "[HEADER LOCATION]\r\nHeader=\\\\nas\\head\r\n");
-    EXPECT_EQ(kx::GetHeaderRoot(d.path().c_str(), header), 0u);
-    EXPECT_EQ(header, L"\\\\nas\\head");
+    for (auto [ini, expected] : {std::pair{static_cast<const char*>(nullptr), L""},
+                                 {"[HEADER LOCATION]\r\nHeader=DEFAULT\r\n", L""},
+                                 {"[HEADER LOCATION]\r\nHeader=\\\\nas\\head\r\n", L"\\\\nas\\head"}}) {
+        if (ini) kxtest::WriteText(d / L"leaf_root.ini", ini);
+        std::wstring header;
+        EXPECT_EQ(kx::GetHeaderRoot(d.path().c_str(), header) == 0, *expected != 0) << (ini ? ini : "no file");
+        EXPECT_EQ(header, expected);
+    }
 }
 
 TEST(DestinationRoots, LeafRootsFromHeaderIni) {

@@ -1,12 +1,11 @@
 // Positioned reads and writes: their codes inside, at and past the end of a
-// file and on unusable handles, offsets beyond 4 GiB, and threads sharing one
-// handle without disturbing each other's offsets. Both ways the helper can
+// file (an offset that only its high half puts past the end included) and on
+// unusable handles, and threads sharing one handle without disturbing each
+// other's offsets. Both ways the helper can
 // go are checked: the native call and the OVERLAPPED one the benchmarks use
 // for comparison.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -57,9 +56,7 @@ TEST_P(PositionedIo, CodesAndCountsAtEveryPlace) {
         DWORD done = 12345;
         EXPECT_EQ(kx::io::ReadAt(f.get(), c.offset, buf.data(), c.size, &done), c.rc) << c.name;
         EXPECT_EQ(done, c.done) << c.name;
-        if (c.rc) {
-            EXPECT_EQ(::GetLastError(), c.rc) << c.name;
-        }
+        if (c.rc) EXPECT_EQ(::GetLastError(), c.rc) << c.name;
         for (DWORD i = 0; i < done; ++i) ASSERT_EQ(buf[i], Pattern(c.offset + i)) << c.name << " byte " << i;
     }
 
@@ -69,27 +66,6 @@ TEST_P(PositionedIo, CodesAndCountsAtEveryPlace) {
     EXPECT_EQ(done, 0u);
     EXPECT_EQ(kx::io::ReadAt(INVALID_HANDLE_VALUE, 0, &byte, 1, &done), static_cast<DWORD>(ERROR_INVALID_HANDLE));
     EXPECT_EQ(kx::io::WriteAt(nullptr, 0, &byte, 1, &done), static_cast<DWORD>(ERROR_INVALID_HANDLE));
-}
-
-// A 64-bit offset must reach the file whole: a write just past 4 GiB lands
-// there (not at its low 32 bits) and sets the size.
-TEST_P(PositionedIo, OffsetsBeyondFourGiB) {
-    const std::wstring path = dir_ / L"big.bin";
-    unique_hfile f = Open(path, GENERIC_READ | GENERIC_WRITE);
-    ASSERT_TRUE(f);
-    const uint64_t at = (1ull << 32) + 3;
-    const char text[] = "past four GiB";
-    DWORD done = 0;
-    ASSERT_EQ(kx::io::WriteAt(f.get(), at, text, sizeof text, &done), 0u);
-    EXPECT_EQ(done, sizeof text);
-    LARGE_INTEGER size{};
-    ASSERT_TRUE(::GetFileSizeEx(f.get(), &size));
-    EXPECT_EQ(static_cast<uint64_t>(size.QuadPart), at + sizeof text);
-    char back[sizeof text] = {}, low[sizeof text] = {};
-    ASSERT_EQ(kx::io::ReadAt(f.get(), at, back, sizeof back, &done), 0u);
-    EXPECT_STREQ(back, text);
-    ASSERT_EQ(kx::io::ReadAt(f.get(), 3, low, sizeof low, &done), 0u);
-    EXPECT_EQ(std::count(low, low + sizeof low, 0), static_cast<ptrdiff_t>(sizeof low)) << "the write wrapped";
 }
 
 // Threads write interleaved records through one handle, reading each back

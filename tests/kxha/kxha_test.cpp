@@ -29,72 +29,57 @@ std::wstring Q(const std::wstring& s) { return L"\"" + s + L"\""; }
 
 }  // namespace
 
-TEST(Kxha, UsageErrorsExitWithTwo) {
-    for (const wchar_t* args : {L"", L"frobnicate", L"bitmap", L"lock C:\\x", L"lock C:\\x 5 2"})
-        EXPECT_EQ(Kxha(args).code, 2u) << kxtest::Narrow(args);
-    EXPECT_TRUE(Has(Kxha(L"lock C:\\x 5 2"), "reversed"));
-}
-
-TEST(Kxha, BitmapCatalogueCommands) {
+// Each command in order, against a destination with prepared bitmaps (d) or
+// one with a merge (m): its exit status (2 for usage, 1 for a failed call)
+// and a piece of its output, or all of it.
+TEST(Kxha, CommandsOnADestination) {
     ScratchDir d;
     for (unsigned n : {3u, 4u}) {
         const std::wstring s = L"S000000000" + std::to_wstring(n);
         kxtest::WriteBackupInfo(d.path() + L"\\VStore\\" + s, n, "Incremental");
         kxtest::WriteBackupInfo(d.path() + L"\\VCM-bitmap\\" + s, n, "Incremental");
     }
-    // A prepared disk bitmap: 20 sectors, sectors 0-1 and 9-11 set.
+    // Prepared disk bitmaps of 20 sectors: sectors 0-1 and 9-11 set in S4.
     kxtest::WriteBitmapFile(d / L"VCM-bitmap\\S0000000004\\disk0000000001.Bitmap", 20, {0x03, 0x0E, 0x00});
     kxtest::WriteBitmapFile(d / L"VCM-bitmap\\S0000000003\\disk0000000001.Bitmap", 20, {0x80, 0x00, 0x08});
-
-    Result r = Kxha(L"bitmap list " + Q(d.path()) + L" --json");
-    ASSERT_EQ(r.code, 0u) << r.out;
-    EXPECT_TRUE(Has(r, "\"sessions\": [\"S0000000003\", \"S0000000004\"]")) << r.out;
-
-    r = Kxha(L"bitmap show " + Q(d / L"VCM-bitmap\\S0000000004\\disk0000000001.Bitmap") + L" --json");
-    ASSERT_EQ(r.code, 0u) << r.out;
-    EXPECT_TRUE(Has(r, "\"total_sectors\": 20, \"set_sectors\": 5, \"extents\": 2, \"first_extents\": [[0, 2], [9, 3]]"))
-        << r.out;
-
-    r = Kxha(L"bitmap union " + Q(d / L"VStore\\S0000000004\\disk0000000001.zek") + L" 3 --json");
-    ASSERT_EQ(r.code, 0u) << r.out;
-    EXPECT_TRUE(Has(r, "\"changed_sectors\": 7, \"bytes_to_copy\": 3584")) << r.out;
-
-    r = Kxha(L"bitmap check " + Q(d.path()) + L" S0000000004");
-    EXPECT_EQ(r.code, 0u) << r.out;
-    EXPECT_TRUE(Has(r, "match:          yes"));
-
-    r = Kxha(L"bitmap delete " + Q(d.path()) + L" S0000000003");
-    ASSERT_EQ(r.code, 0u) << r.out;
-    r = Kxha(L"bitmap list " + Q(d.path()));
-    EXPECT_EQ(r.out, "S0000000004\n");
-
-    // A failure: exit status 1, the code and what it means.
-    r = Kxha(L"bitmap show " + Q(d / L"none.Bitmap"));
-    EXPECT_EQ(r.code, 1u);
-    EXPECT_TRUE(Has(r, "failed, rc = 2 (0x00000002): ")) << r.out;
     kxtest::WriteText(d / L"notes.txt", "not a bitmap");
-    r = Kxha(L"bitmap show " + Q(d / L"notes.txt"));
-    EXPECT_EQ(r.code, 1u);
-    EXPECT_TRUE(Has(r, "(0xFFFFFFFF): not a session bitmap file")) << r.out;
-}
-
-TEST(Kxha, LockMergesAndIntact) {
-    ScratchDir d;
+    ScratchDir m;
     for (unsigned n = 1; n <= 4; ++n)
-        kxtest::WriteBackupInfo(d.path() + L"\\VStore\\S000000000" + std::to_wstring(n), n, "Incremental");
-    kxtest::MakeDirs(d / L"ToPurge");
-    kxtest::WriteText(d / L"ToPurge\\S0000000002.idx_step1", "");
-
-    Result r = Kxha(L"merges " + Q(d.path()) + L" --json");
-    EXPECT_EQ(r.out, "{\"merging\": [2, 3]}\n");
-    r = Kxha(L"intact " + Q(d.path()));
-    EXPECT_EQ(r.out, "Intact sessions: 1 4\n");
-    r = Kxha(L"lock " + Q(d.path()) + L" 2 4 --manual");
-    EXPECT_EQ(r.code, 1u);
-    EXPECT_TRUE(Has(r, "merge in progress")) << r.out;
-    r = Kxha(L"lock " + Q(d.path()) + L" 4 4 --json");
-    EXPECT_EQ(r.code, 0u) << r.out;
-    EXPECT_TRUE(Has(r, "\"locked\": true"));
+        kxtest::WriteBackupInfo(m.path() + L"\\VStore\\S000000000" + std::to_wstring(n), n, "Incremental");
+    kxtest::MakeDirs(m / L"ToPurge");
+    kxtest::WriteText(m / L"ToPurge\\S0000000002.idx_step1", "");
+    const std::wstring root = Q(d.path()), merging = Q(m.path()), s4 = Q(d / L"VCM-bitmap\\S0000000004\\disk0000000001.Bitmap");
+    const struct {
+        std::wstring args;
+        DWORD code;
+        std::string out;
+        bool whole = false;
+    } cases[] = {
+        {L"", 2, ""},
+        {L"frobnicate", 2, ""},
+        {L"bitmap", 2, ""},
+        {L"lock C:\\x", 2, ""},
+        {L"lock C:\\x 5 2", 2, "reversed"},
+        {L"bitmap list " + root + L" --json", 0, "\"sessions\": [\"S0000000003\", \"S0000000004\"]"},
+        {L"bitmap show " + s4 + L" --json", 0,
+         "\"total_sectors\": 20, \"set_sectors\": 5, \"extents\": 2, \"first_extents\": [[0, 2], [9, 3]]"},
+        {L"bitmap union " + Q(d / L"VStore\\S0000000004\\disk0000000001.zek") + L" 3 --json", 0,
+         "\"changed_sectors\": 7, \"bytes_to_copy\": 3584"},
+        {L"bitmap check " + root + L" S0000000004", 0, "match:          yes"},
+        {L"bitmap show " + Q(d / L"none.Bitmap"), 1, "failed, rc = 2 (0x00000002): "},
+        {L"bitmap show " + Q(d / L"notes.txt"), 1, "(0xFFFFFFFF): not a session bitmap file"},
+        {L"bitmap delete " + root + L" S0000000003", 0, ""},
+        {L"bitmap list " + root, 0, "S0000000004\n", true},
+        {L"merges " + merging + L" --json", 0, "{\"merging\": [2, 3]}\n", true},
+        {L"intact " + merging, 0, "Intact sessions: 1 4\n", true},
+        {L"lock " + merging + L" 2 4 --manual", 1, "merge in progress"},
+        {L"lock " + merging + L" 4 4 --json", 0, "\"locked\": true"},
+    };
+    for (const auto& c : cases) {
+        const Result r = Kxha(c.args);
+        EXPECT_EQ(r.code, c.code) << kxtest::Narrow(c.args) << "\n" << r.out;
+        EXPECT_TRUE(c.whole ? r.out == c.out : Has(r, c.out)) << kxtest::Narrow(c.args) << "\n" << r.out;
+    }
 }
 
 TEST(Kxha, DemoRunsTheWholeCycleAndEveryUnionMatchesItsWrites) {

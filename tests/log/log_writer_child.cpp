@@ -2,8 +2,7 @@
 //
 // Opens the log <stem>.Log as module <module>, lowers its rotation size,
 // waits for the start event and writes <lines> lines whose text, level and
-// error code follow from the writer and line number (see ExpectedLine in
-// log_test.cpp).
+// error code follow from the writer and line number.
 #include <windows.h>
 
 #include <cwchar>

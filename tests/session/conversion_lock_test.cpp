@@ -11,54 +11,47 @@ using kxtest::ScratchDir;
 
 namespace {
 
-// Records what the library asks of the session manager.
-struct FakeLock final : kx::platform::ISessionLock {
-    static inline std::vector<kx::platform::SessionLockRequest> requests;
-    static inline std::vector<int> ops;
-    static inline std::vector<std::wstring> excluded;
-    static inline DWORD lockResult = 0, factoryResult = 0, excludeFailAt = 0;
-    static inline bool factoryGivesNull = false;
-    static inline int released = 0, unlocked = 0;
-    static inline std::vector<kx::platform::SessionLockConflict> conflicts;
+// What the library asks of the session manager, and how the fake answers.
+struct FakeState {
+    std::vector<kx::platform::SessionLockRequest> requests;
+    std::vector<int> ops;
+    std::vector<std::wstring> excluded;
+    DWORD lockResult = 0, factoryResult = 0, excludeFailAt = 0;
+    bool factoryGivesNull = false;
+    int released = 0, unlocked = 0;
+    std::vector<kx::platform::SessionLockConflict> conflicts;
+} fake;
 
+struct FakeLock final : kx::platform::ISessionLock {
     void Release() override {
-        ++released;
+        ++fake.released;
         delete this;
     }
     DWORD LockSession(const kx::platform::SessionLockRequest& r,
                       std::vector<kx::platform::SessionLockConflict>& c) override {
-        requests.push_back(r);
-        if (lockResult) c = conflicts;
-        return lockResult;
+        fake.requests.push_back(r);
+        if (fake.lockResult) c = fake.conflicts;
+        return fake.lockResult;
     }
     DWORD QueryLock(std::vector<kx::platform::SessionLockConflict>&) override { return 0; }
     DWORD ExcludeFile(const std::wstring& root, const std::wstring& rel) override {
-        excluded.push_back(root + L"|" + rel);
-        return excluded.size() == excludeFailAt ? ERROR_ACCESS_DENIED : 0;
+        fake.excluded.push_back(root + L"|" + rel);
+        return fake.excluded.size() == fake.excludeFailAt ? ERROR_ACCESS_DENIED : 0;
     }
-    DWORD UnlockSession() override { return ++unlocked, 0; }
+    DWORD UnlockSession() override { return ++fake.unlocked, 0; }
 
     static DWORD Factory(int op, kx::platform::ISessionLock** lock) {
-        ops.push_back(op);
-        if (factoryResult) return factoryResult;
-        *lock = factoryGivesNull ? nullptr : new FakeLock;
+        fake.ops.push_back(op);
+        if (fake.factoryResult) return fake.factoryResult;
+        *lock = fake.factoryGivesNull ? nullptr : new FakeLock;
         return 0;
-    }
-    static void Reset() {
-        requests.clear();
-        ops.clear();
-        excluded.clear();
-        conflicts.clear();
-        lockResult = factoryResult = excludeFailAt = 0;
-        factoryGivesNull = false;
-        released = unlocked = 0;
     }
 };
 
 class ConversionLock : public ::testing::Test {
 protected:
     void SetUp() override {
-        FakeLock::Reset();
+        fake = {};
         kx::platform::testing::SetLockFactory(&FakeLock::Factory);
     }
     void TearDown() override { kx::platform::testing::SetLockFactory(nullptr); }
@@ -66,11 +59,11 @@ protected:
 };
 
 std::vector<DWORD> Sessions(int begin, int end) {
-    FakeLock::Reset();
+    fake = {};
     SessionLockHandle* h = nullptr;
     EXPECT_EQ(kx::session::LockZekSessions(L"D:\\dest", begin, end, &h, 0), 0u);
     kx::session::UnlockZekSessions(h);
-    return FakeLock::requests.at(0).sessions;
+    return fake.requests.at(0).sessions;
 }
 
 }  // namespace
@@ -80,34 +73,33 @@ TEST_F(ConversionLock, RequestsForEachKindOfRange) {
     EXPECT_EQ(Sessions(3, 3), (std::vector<DWORD>{3}));
     EXPECT_EQ(Sessions(5, 4), (std::vector<DWORD>{}));
     EXPECT_EQ(Sessions(2, 5), (std::vector<DWORD>{2, 3, 4, 5}));
-    const auto& conv = FakeLock::requests.at(0);
+    const auto& conv = fake.requests.at(0);
     EXPECT_EQ(conv.wait, 10000u);
     EXPECT_EQ(conv.flags, 0u);
     EXPECT_EQ(conv.root, L"D:\\dest");
     EXPECT_EQ(conv.jobDescription, L"offcopy_from_esx_nonproxy");
-    EXPECT_EQ(FakeLock::ops, std::vector<int>{11});
+    EXPECT_EQ(fake.ops, std::vector<int>{11});
 
     // Instant VM: only `end`, as a restore.
     EXPECT_EQ(Sessions(-1, 7), (std::vector<DWORD>{7}));
-    EXPECT_EQ(FakeLock::requests.at(0).jobDescription, L"Instant VM");
-    EXPECT_EQ(FakeLock::ops, std::vector<int>{16});
-    EXPECT_EQ(FakeLock::unlocked, 1);
-    EXPECT_EQ(FakeLock::released, 1);
+    EXPECT_EQ(fake.requests.at(0).jobDescription, L"Instant VM");
+    EXPECT_EQ(fake.ops, std::vector<int>{16});
+    EXPECT_EQ(fake.unlocked, 1);
+    EXPECT_EQ(fake.released, 1);
 }
 
 TEST_F(ConversionLock, BadArgumentsAndFactoryFailures) {
     kxtest::LogCursor log;
     SessionLockHandle* h = reinterpret_cast<SessionLockHandle*>(8);
-    EXPECT_EQ(kx::session::LockZekSessions(nullptr, 1, 2, &h, 0), 0x80070057u);
-    EXPECT_EQ(kx::session::LockZekSessions(L"", 1, 2, &h, 0), 0x80070057u);
-    EXPECT_EQ(kx::session::LockZekSessions(L"D:\\d", 1, 2, nullptr, 0), 0x80070057u);
-    EXPECT_TRUE(FakeLock::ops.empty());
+    for (auto [root, out] : {std::pair{static_cast<const wchar_t*>(nullptr), &h}, {L"", &h}, {L"D:\\d", nullptr}})
+        EXPECT_EQ(kx::session::LockZekSessions(root, 1, 2, out, 0), 0x80070057u);
+    EXPECT_TRUE(fake.ops.empty());
 
-    FakeLock::factoryResult = ERROR_MOD_NOT_FOUND;
+    fake.factoryResult = ERROR_MOD_NOT_FOUND;
     EXPECT_EQ(kx::session::LockZekSessions(L"D:\\d", 1, 2, &h, 0), static_cast<DWORD>(ERROR_MOD_NOT_FOUND));
     EXPECT_EQ(h, nullptr);
-    FakeLock::factoryResult = 0;
-    FakeLock::factoryGivesNull = true;
+    fake.factoryResult = 0;
+    fake.factoryGivesNull = true;
     EXPECT_EQ(kx::session::LockZekSessions(L"D:\\d", -1, 2, &h, 0), 0xFFFFFFFFu);
     EXPECT_TRUE(log.Contains(L"HA_LockZekSessions::CreateKbSessLock(OP_VCM) failed, rc = 126"));
     EXPECT_TRUE(log.Contains(L"HA_LockZekSessions::CreateKbSessLock(OP_RESTORE) failed, rc = -1"));
@@ -128,14 +120,14 @@ TEST_F(ConversionLock, ManualModeRefusesRangesIntoAMerge) {
     SessionLockHandle* h = nullptr;
     EXPECT_EQ(kx::session::LockZekSessions(root.path().c_str(), 7, 9, &h, 1), 0xF0000001u);
     EXPECT_EQ(h, MANUAL_VCM_LOCK_HANDLE);
-    EXPECT_TRUE(FakeLock::ops.empty());
+    EXPECT_TRUE(fake.ops.empty());
     EXPECT_TRUE(log.Contains(L"Sessions are under merging [5-->7], and conversion session range is [7-->9]"));
     EXPECT_TRUE(log.Contains(L"Cannot do conversion because session is under merge [7, 7]"));
     EXPECT_FALSE(log.Contains(L"HA_LockZekSessions::end"));
 
     ASSERT_EQ(kx::session::LockZekSessions(root.path().c_str(), 8, 9, &h, 1), 0u);
     ASSERT_NE(h, MANUAL_VCM_LOCK_HANDLE);
-    EXPECT_EQ(FakeLock::requests.at(0).sessions, (std::vector<DWORD>{8, 9}));
+    EXPECT_EQ(fake.requests.at(0).sessions, (std::vector<DWORD>{8, 9}));
     kx::session::UnlockZekSessions(h);
     // The marker handle is harmless to both unlock calls.
     kx::session::UnlockZekSessions(MANUAL_VCM_LOCK_HANDLE);
@@ -150,45 +142,35 @@ TEST_F(ConversionLock, UnlockCtf2SkipsSessionsWithoutRootAndStopsAtAFailure) {
     SessionLockHandle* h = nullptr;
     ASSERT_EQ(kx::session::LockZekSessions(root.path().c_str(), 1, 4, &h, 0), 0u);
     ASSERT_EQ(kx::session::UnlockCTF2(h), 0u);
-    EXPECT_EQ(FakeLock::excluded, (std::vector<std::wstring>{root.path() + L"|VStore\\S0000000001\\block0000000002.ctf",
+    EXPECT_EQ(fake.excluded, (std::vector<std::wstring>{root.path() + L"|VStore\\S0000000001\\block0000000002.ctf",
                                                              root.path() + L"|VStore\\S0000000003\\block0000000002.ctf",
                                                              root.path() + L"|VStore\\S0000000004\\block0000000002.ctf"}));
-    FakeLock::excluded.clear();
-    FakeLock::excludeFailAt = 2;
+    fake.excluded.clear();
+    fake.excludeFailAt = 2;
     kxtest::LogCursor log;
     EXPECT_EQ(kx::session::UnlockCTF2(h), static_cast<DWORD>(ERROR_ACCESS_DENIED));
-    EXPECT_EQ(FakeLock::excluded.size(), 2u);
+    EXPECT_EQ(fake.excluded.size(), 2u);
     EXPECT_TRUE(log.Contains(L"HA_UnlockCTF2, exclude ctf2 failed, root = " + root.path() +
                              L", file = VStore\\S0000000003\\block0000000002.ctf, rc = 5"));
     kx::session::UnlockZekSessions(h);
 }
 
 TEST_F(ConversionLock, RefusalTracesEveryConflictAndReportsActivity) {
-    wchar_t tmp[MAX_PATH];
-    ::GetTempPathW(MAX_PATH, tmp);
-    const std::wstring calls = std::wstring(tmp) + L"kx_logcore_calls.txt";
+    const std::wstring calls = kxtest::TempFolder() + L"\\kx_logcore_calls.txt";
     ::DeleteFileW(calls.c_str());
-    FakeLock::lockResult = ERROR_LOCK_VIOLATION;
+    fake.lockResult = ERROR_LOCK_VIOLATION;
     auto conflict = [](DWORD pid, int op) {
-        kx::platform::SessionLockConflict c;
-        c.processId = pid;
-        c.op = op;
-        c.errorCode = 33;
-        c.Domain = L"DOM";
-        c.Computer = L"HOST";
-        c.User = L"agent";
-        c.Desc = L"merge job";
-        c.File = L"D:\\d\\VStore\\S0000000003";
-        return c;
+        return kx::platform::SessionLockConflict{pid, op, 33, L"DOM", L"HOST", L"agent", L"merge job",
+                                                 L"D:\\d\\VStore\\S0000000003"};
     };
-    FakeLock::conflicts = {conflict(100, 11), conflict(101, 14), conflict(102, 17), conflict(103, 7)};
+    fake.conflicts = {conflict(100, 11), conflict(101, 14), conflict(102, 17), conflict(103, 7)};
 
     // Without the activity library: traced, no entry, same result.
     kxtest::LogCursor log;
     SessionLockHandle* h = nullptr;
     EXPECT_EQ(kx::session::LockZekSessions(L"D:\\d", 3, 3, &h, 0), 33u);
     EXPECT_EQ(h, nullptr);
-    EXPECT_EQ(FakeLock::released, 1);
+    EXPECT_EQ(fake.released, 1);
     EXPECT_TRUE(log.Contains(L"HA_LockZekSession::LockSession end, ret=33"));
     EXPECT_TRUE(log.Contains(
         L"ProcessId:101, OP:14, ErrorCode:33, Domain:DOM, Computer:HOST, User:agent, Desc:merge job, File:D:\\d\\VStore\\S0000000003"));

@@ -17,11 +17,14 @@ protected:
     std::wstring Ini() { return install / L"Configuration\\vcm.ini"; }
 };
 
-std::wstring DllFolder() {
-    wchar_t p[MAX_PATH];
-    DWORD n = ::GetModuleFileNameW(::GetModuleHandleW(L"KestrixHA.dll"), p, MAX_PATH);
-    std::wstring s(p, n);
-    return s.substr(0, s.rfind(L'\\'));
+// The intact sessions of a destination.
+std::vector<unsigned> Intact(const std::wstring& root) {
+    IntactSessionListHandle* h = nullptr;
+    EXPECT_EQ(MVCM_OpenIntactSessionListHandle(root.c_str(), &h), 0u);
+    unsigned got[16] = {}, count = 0;
+    EXPECT_EQ(MVCM_QueryIntactSessionList(h, got, 16, &count), 0u);
+    MVCM_CloseIntactSessionListHandle(h);
+    return {got, got + count};
 }
 }  // namespace
 
@@ -71,7 +74,7 @@ TEST_F(Vcm, ManualModeDefaultsAndTranslatesSessionFolders) {
     VCMConfigure c{};
     ASSERT_EQ(ReadVCMConfigure(&c), 0u);
     EXPECT_TRUE(c.manualVCM);
-    EXPECT_EQ(c.indexFolder, DllFolder() + L"\\temp\\MVCM");
+    EXPECT_EQ(c.indexFolder, kxtest::BinDir() + L"\\temp\\MVCM");
 
     std::wstring a, b, other;
     ASSERT_EQ(MVCM_GetSessionRWFolder(L"E:\\dest\\VStore\\S0000000003", a), 0u);
@@ -99,24 +102,16 @@ TEST(IntactSessions, TenSessionsWithBackupRunningAndAMerge) {
     unsigned count = 99;
     EXPECT_EQ(MVCM_QueryIntactSessionList(h, nullptr, 0, &count), 234u);
     EXPECT_EQ(count, 7u);
-    unsigned got[16] = {};
-    ASSERT_EQ(MVCM_QueryIntactSessionList(h, got, 16, &count), 0u);
-    EXPECT_EQ(std::vector<unsigned>(got, got + count), (std::vector<unsigned>{1, 2, 3, 6, 7, 8, 9}));
     MVCM_CloseIntactSessionListHandle(h);
+    EXPECT_EQ(Intact(d.path()), (std::vector<unsigned>{1, 2, 3, 6, 7, 8, 9}));
     EXPECT_TRUE(log.Contains(L"MVCM_GetIntactSessions, session " + d.path() + L"\\VStore\\S0000000010 is under backup, skip it"));
     EXPECT_TRUE(log.Contains(L"Exclude session in merging, root=" + d.path() + L", SessionNumber=5"));
 
     // Without backup.lck the newest stays when it is finished, goes when it is not.
     ::DeleteFileW((d / L"backup.lck").c_str());
-    ASSERT_EQ(MVCM_OpenIntactSessionListHandle(d.path().c_str(), &h), 0u);
-    ASSERT_EQ(MVCM_QueryIntactSessionList(h, got, 16, &count), 0u);
-    EXPECT_EQ(count, 8u);
-    MVCM_CloseIntactSessionListHandle(h);
+    EXPECT_EQ(Intact(d.path()).size(), 8u);
     kxtest::WriteBackupInfo(d / L"VStore\\S0000000010", 10, "Incremental", "Active");
-    ASSERT_EQ(MVCM_OpenIntactSessionListHandle(d.path().c_str(), &h), 0u);
-    ASSERT_EQ(MVCM_QueryIntactSessionList(h, got, 16, &count), 0u);
-    EXPECT_EQ(count, 7u);
-    MVCM_CloseIntactSessionListHandle(h);
+    EXPECT_EQ(Intact(d.path()).size(), 7u);
 }
 
 TEST(IntactSessions, BadArgumentsAndEmptyDestinations) {
@@ -127,6 +122,7 @@ TEST(IntactSessions, BadArgumentsAndEmptyDestinations) {
     EXPECT_EQ(MVCM_OpenIntactSessionListHandle((d.path() + L"\\missing").c_str(), &h), 2u);
     unsigned count = 5;
     EXPECT_EQ(MVCM_QueryIntactSessionList(nullptr, nullptr, 0, &count), 0x80004003u);
+    // An empty list needs no buffer.
     ASSERT_EQ(MVCM_OpenIntactSessionListHandle(d.path().c_str(), &h), 0u);
     EXPECT_EQ(MVCM_QueryIntactSessionList(h, nullptr, 0, &count), 0u);
     EXPECT_EQ(count, 0u);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <thread>
 
 #include "common/unique_resource.h"
 #include "kx_test.h"
@@ -25,12 +26,7 @@ LockPtr NewLock(int op = kp::OP_BITMAP) {
 
 kp::SessionLockRequest Req(const std::wstring& root, std::vector<DWORD> sessions, DWORD wait = 0,
                            const std::wstring& desc = L"test job") {
-    kp::SessionLockRequest r;
-    r.root = root;
-    r.sessions = std::move(sessions);
-    r.wait = wait;
-    r.jobDescription = desc;
-    return r;
+    return {.wait = wait, .root = root, .jobDescription = desc, .sessions = std::move(sessions)};
 }
 
 // Locks with a fresh object and gives it back (null when refused).
@@ -45,20 +41,6 @@ LockPtr Take(const std::wstring& root, std::vector<DWORD> sessions, DWORD* rc = 
 bool IsFree(const std::wstring& root, DWORD session) {
     kp::SessionLockRecord r;
     return kp::ReadSessionLock(root, session, r) == ERROR_NOT_LOCKED;
-}
-
-std::wstring ComputerName() {
-    wchar_t buf[256];
-    DWORD n = 256;
-    ::GetComputerNameExW(ComputerNameNetBIOS, buf, &n);
-    return std::wstring(buf, n);
-}
-
-std::wstring UserName() {
-    wchar_t buf[256];
-    DWORD n = 256;
-    ::GetUserNameW(buf, &n);
-    return buf;
 }
 
 // ---- one process -----------------------------------------------------------
@@ -104,19 +86,13 @@ TEST(SessionLockInProcess, AWaiterGetsTheSessionsWhenTheHolderLetsGoInTime) {
     ScratchDir root;
     LockPtr holder = Take(root.path(), {4});
     ASSERT_TRUE(holder);
-    HANDLE t = ::CreateThread(
-        nullptr, 0,
-        [](void* p) -> DWORD {
-            ::Sleep(300);
-            static_cast<kp::ISessionLock*>(p)->UnlockSession();
-            return 0;
-        },
-        holder.get(), 0, nullptr);
-    kx::unique_handle thread(t);
-    LockPtr waiter = NewLock();
+    std::thread letGo([&] {
+        ::Sleep(300);
+        holder->UnlockSession();
+    });
     std::vector<kp::SessionLockConflict> c;
-    EXPECT_EQ(waiter->LockSession(Req(root.path(), {3, 4}, 20000), c), 0u);
-    ::WaitForSingleObject(thread.get(), INFINITE);
+    EXPECT_EQ(NewLock()->LockSession(Req(root.path(), {3, 4}, 20000), c), 0u);
+    letGo.join();
 }
 
 TEST(SessionLockInProcess, EdgeRequests) {
@@ -175,30 +151,27 @@ TEST(SessionLockInProcess, ExcludedFilesAreRecordedWithTheirSession) {
 
 // ---- another process -------------------------------------------------------
 
-// session_lock_child holding sessions until the end of the scope (or Kill).
+// session_lock_child holding sessions until Stop, Kill or the end of the scope.
 class ChildHolder {
 public:
     ChildHolder(const std::wstring& root, const std::wstring& sessions, const std::wstring& exclude) {
         const std::wstring tag = std::to_wstring(::GetCurrentProcessId()) + L"_" + std::to_wstring(++count_);
         ready_.reset(::CreateEventW(nullptr, TRUE, FALSE, (L"kx_sl_ready_" + tag).c_str()));
         stop_.reset(::CreateEventW(nullptr, TRUE, FALSE, (L"kx_sl_stop_" + tag).c_str()));
-        std::wstring cmd = L"\"" + kxtest::BinDir() + L"\\session_lock_child.exe\" \"" + root + L"\" 11 \"" +
-                           kDesc + L"\" kx_sl_ready_" + tag + L" kx_sl_stop_" + tag + L" " + exclude + L" " + sessions;
-        process_ = kxtest::Spawn(cmd, &pid_);
-        if (!process_) return;
+        process_ = kxtest::Spawn(L"\"" + kxtest::BinDir() + L"\\session_lock_child.exe\" \"" + root + L"\" 11 \"" + kDesc +
+                                     L"\" kx_sl_ready_" + tag + L" kx_sl_stop_" + tag + L" " + exclude + L" " + sessions,
+                                 &pid_);
         HANDLE both[] = {ready_.get(), process_.get()};
-        ready = ::WaitForMultipleObjects(2, both, FALSE, 30000) == WAIT_OBJECT_0;
+        ready = process_ && ::WaitForMultipleObjects(2, both, FALSE, 30000) == WAIT_OBJECT_0;
     }
     ~ChildHolder() {
-        if (!process_) return;
-        ::SetEvent(stop_.get());
-        if (::WaitForSingleObject(process_.get(), 15000) != WAIT_OBJECT_0) Kill();
+        if (process_ && Stop() == STILL_ACTIVE) Kill();
     }
     void Kill() {
         ::TerminateProcess(process_.get(), 9);
         ::WaitForSingleObject(process_.get(), 15000);
     }
-    DWORD Stop() {
+    DWORD Stop() {  // the exit code
         ::SetEvent(stop_.get());
         ::WaitForSingleObject(process_.get(), 15000);
         DWORD code = 0xFFFFFFFF;
@@ -228,8 +201,11 @@ TEST(SessionLockAcrossProcesses, OverlapsWaitAndAreRefusedWithTheHolder) {
     EXPECT_EQ(c[0].processId, child.pid());
     EXPECT_EQ(c[0].op, kp::OP_VCM);
     EXPECT_EQ(c[0].errorCode, static_cast<DWORD>(ERROR_LOCK_VIOLATION));
-    EXPECT_EQ(c[0].Computer, ComputerName());
-    EXPECT_EQ(_wcsicmp(c[0].User.c_str(), UserName().c_str()), 0) << kxtest::Narrow(c[0].User);
+    wchar_t computer[256], user[256];
+    DWORD computerChars = 256, userChars = 256;
+    ASSERT_TRUE(::GetComputerNameExW(ComputerNameNetBIOS, computer, &computerChars) && ::GetUserNameW(user, &userChars));
+    EXPECT_EQ(c[0].Computer, computer);
+    EXPECT_EQ(_wcsicmp(c[0].User.c_str(), user), 0) << kxtest::Narrow(c[0].User);
     EXPECT_FALSE(c[0].Domain.empty());
     EXPECT_EQ(c[0].Desc, ChildHolder::kDesc);
     EXPECT_EQ(c[0].File, kp::SessionLockFilePath(root.path(), 4));
@@ -294,8 +270,8 @@ TEST(SessionLockFactory, BuiltInWithoutSessionManager) {
     ScratchDir root;
     kp::ISessionLock* raw = nullptr;
     ASSERT_EQ(kp::CreateKbSessLock(kp::OP_RESTORE, &raw), 0u);
-    ASSERT_NE(raw, nullptr);
     LockPtr l(raw);
+    ASSERT_TRUE(l);
     std::vector<kp::SessionLockConflict> c;
     ASSERT_EQ(l->LockSession(Req(root.path(), {1}, 0, L"Instant VM"), c), 0u);
     kp::SessionLockRecord r;

@@ -7,60 +7,34 @@
 
 #include "common/unique_resource.h"
 #include "log/debug_log.h"
-#include "test_run.h"
 
 namespace kxtest {
 
-
 ScratchDir::ScratchDir() {
-    wchar_t tmp[MAX_PATH];
-    ::GetTempPathW(MAX_PATH, tmp);
     static LONG counter = 0;
     wchar_t name[64];
-    swprintf(name, 64, L"kx%lu_%ld_%lu", ::GetCurrentProcessId(), ::InterlockedIncrement(&counter), ::GetTickCount());
-    path_ = std::wstring(tmp) + name;
-    if (!path_.empty() && path_.back() == L'\\') path_.pop_back();
+    swprintf(name, 64, L"\\kx%lu_%ld_%lu", ::GetCurrentProcessId(), ::InterlockedIncrement(&counter), ::GetTickCount());
+    path_ = TempFolder() + name;
     if (!::CreateDirectoryW(path_.c_str(), nullptr)) throw std::runtime_error("cannot create scratch folder");
 }
 
-ScratchDir::~ScratchDir() { RemoveTree(path_); }
-
-void RegValueOverride::Save() {
-    kx::unique_hkey key;
-    if (::RegCreateKeyExW(HKEY_LOCAL_MACHINE, subkey_.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, key.put(),
-                          nullptr) != ERROR_SUCCESS)
-        throw std::runtime_error("cannot open registry key");
+RegValueOverride::RegValueOverride(const std::wstring& subkey, const std::wstring& name, DWORD type,
+                                   const void* data, DWORD bytes)
+    : subkey_(subkey), name_(name) {
     DWORD size = 0;
-    if (::RegQueryValueExW(key.get(), name_.c_str(), nullptr, &type_, nullptr, &size) == ERROR_SUCCESS) {
+    if (::RegGetValueW(HKEY_LOCAL_MACHINE, subkey_.c_str(), name_.c_str(), RRF_RT_ANY | RRF_NOEXPAND, &type_,
+                       nullptr, &size) == ERROR_SUCCESS) {
         existed_ = true;
         old_.resize(size);
-        ::RegQueryValueExW(key.get(), name_.c_str(), nullptr, &type_, old_.data(), &size);
+        ::RegGetValueW(HKEY_LOCAL_MACHINE, subkey_.c_str(), name_.c_str(), RRF_RT_ANY | RRF_NOEXPAND, &type_,
+                       old_.data(), &size);
     }
+    Put(data != nullptr, type, data, bytes);
 }
 
-RegValueOverride::RegValueOverride(const std::wstring& subkey, const std::wstring& name, DWORD value)
-    : subkey_(subkey), name_(name) {
-    Save();
-    ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, subkey_.c_str(), name_.c_str(), REG_DWORD, &value, sizeof value);
-}
-
-RegValueOverride::RegValueOverride(const std::wstring& subkey, const std::wstring& name, const std::wstring& value)
-    : subkey_(subkey), name_(name) {
-    Save();
-    ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, subkey_.c_str(), name_.c_str(), REG_SZ, value.c_str(),
-                      static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
-}
-
-RegValueOverride::RegValueOverride(const std::wstring& subkey, const std::wstring& name, std::nullptr_t)
-    : subkey_(subkey), name_(name) {
-    Save();
-    ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, subkey_.c_str(), name_.c_str());
-}
-
-RegValueOverride::~RegValueOverride() {
-    if (existed_)
-        ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, subkey_.c_str(), name_.c_str(), type_, old_.data(),
-                          static_cast<DWORD>(old_.size()));
+void RegValueOverride::Put(bool set, DWORD type, const void* data, DWORD bytes) const {
+    if (set)
+        ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, subkey_.c_str(), name_.c_str(), type, data, bytes);
     else
         ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, subkey_.c_str(), name_.c_str());
 }
@@ -79,18 +53,12 @@ void WriteText(const std::wstring& path, const std::string& text) { WriteBytes(p
 std::vector<uint8_t> ReadBytes(const std::wstring& path) {
     kx::unique_hfile h(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                      nullptr, OPEN_EXISTING, 0, nullptr));
-    if (!h) return {};
     LARGE_INTEGER size{};
-    ::GetFileSizeEx(h.get(), &size);
+    if (!h || !::GetFileSizeEx(h.get(), &size)) return {};
     std::vector<uint8_t> data(static_cast<size_t>(size.QuadPart));
-    size_t done = 0;
-    while (done < data.size()) {
-        DWORD got = 0;
-        DWORD want = static_cast<DWORD>(std::min<size_t>(data.size() - done, 1u << 24));
-        if (!::ReadFile(h.get(), data.data() + done, want, &got, nullptr) || got == 0) break;
-        done += got;
-    }
-    data.resize(done);
+    DWORD got = 0;
+    if (!data.empty() && !::ReadFile(h.get(), data.data(), static_cast<DWORD>(data.size()), &got, nullptr)) got = 0;
+    data.resize(got);
     return data;
 }
 
@@ -146,35 +114,39 @@ LogCursor::LogCursor() {
     offset_ = ReadBytes(file_).size();
 }
 
-std::vector<LogLine> LogCursor::Lines() const {
-    std::vector<LogLine> out;
-    auto take = [&](const std::wstring& file, uint64_t from) {
-        for (const auto& raw : kxtest::Lines(ReadBytes(file), static_cast<size_t>(std::max<uint64_t>(from, 2)), false))
-            if (auto l = ParseLogLine(raw); l && l->pid == ::GetCurrentProcessId()) out.push_back(*l);
-    };
-    take(file_, offset_);
-    const std::wstring now = kx::log::CurrentFile();
-    if (now != file_) take(now, 0);
-    return out;
-}
-
 std::vector<LogLine> LogCursor::Matching(const std::wstring& needle) const {
     std::vector<LogLine> out;
-    for (auto& l : Lines())
-        if (l.text.find(needle) != std::wstring::npos) out.push_back(l);
+    auto take = [&](const std::wstring& file, uint64_t from) {
+        for (const auto& raw : Lines(ReadBytes(file), static_cast<size_t>(std::max<uint64_t>(from, 2)), false))
+            if (auto l = ParseLogLine(raw);
+                l && l->pid == ::GetCurrentProcessId() && l->text.find(needle) != std::wstring::npos)
+                out.push_back(*l);
+    };
+    take(file_, offset_);
+    if (const std::wstring now = kx::log::CurrentFile(); now != file_) take(now, 0);
     return out;
 }
 
-kx::unique_handle Spawn(const std::wstring& commandLine, DWORD* pid) {
+namespace {
+// Starts a program with the given standard handles (inherited when set).
+kx::unique_handle Start(const std::wstring& commandLine, HANDLE output, DWORD* pid) {
     STARTUPINFOW si{};
     si.cb = sizeof si;
+    if (output) {
+        si.dwFlags = STARTF_USESTDHANDLES;
+        si.hStdOutput = si.hStdError = output;
+    }
     PROCESS_INFORMATION pi{};
     std::wstring cmd = commandLine;
-    if (!::CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) return {};
+    if (!::CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, output != nullptr, 0, nullptr, nullptr, &si, &pi))
+        return {};
     kx::unique_handle thread(pi.hThread);
     if (pid) *pid = pi.dwProcessId;
     return kx::unique_handle(pi.hProcess);
 }
+}  // namespace
+
+kx::unique_handle Spawn(const std::wstring& commandLine, DWORD* pid) { return Start(commandLine, nullptr, pid); }
 
 DWORD RunCapture(const std::wstring& commandLine, std::string* output, DWORD timeoutMs) {
     ScratchDir d;
@@ -182,16 +154,8 @@ DWORD RunCapture(const std::wstring& commandLine, std::string* output, DWORD tim
     SECURITY_ATTRIBUTES sa{sizeof sa, nullptr, TRUE};
     kx::unique_hfile out(::CreateFileW(outFile.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &sa,
                                        CREATE_ALWAYS, 0, nullptr));
-    STARTUPINFOW si{};
-    si.cb = sizeof si;
-    si.dwFlags = STARTF_USESTDHANDLES;
-    si.hStdOutput = out.get();
-    si.hStdError = out.get();
-    si.hStdInput = nullptr;
-    PROCESS_INFORMATION pi{};
-    std::wstring cmd = commandLine;
-    if (!::CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi)) return 0xFFFFFFFF;
-    kx::unique_handle process(pi.hProcess), thread(pi.hThread);
+    kx::unique_handle process = Start(commandLine, out.get(), nullptr);
+    if (!process) return 0xFFFFFFFF;
     DWORD code = 0xFFFFFFFE;
     if (::WaitForSingleObject(process.get(), timeoutMs) == WAIT_OBJECT_0)
         ::GetExitCodeProcess(process.get(), &code);
@@ -199,8 +163,6 @@ DWORD RunCapture(const std::wstring& commandLine, std::string* output, DWORD tim
         ::TerminateProcess(process.get(), code);
     out.reset();
     const auto bytes = ReadBytes(outFile);
-    // A Windows console program ends its text lines with CR LF; the tests
-    // compare lines.
     output->clear();
     for (size_t i = 0; i < bytes.size(); ++i)
         if (!(bytes[i] == '\r' && i + 1 < bytes.size() && bytes[i + 1] == '\n')) output->push_back(static_cast<char>(bytes[i]));

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "common/unique_resource.h"
+#include "test_run.h"
 
 namespace kxtest {
 
@@ -18,7 +19,7 @@ namespace kxtest {
 class ScratchDir {
 public:
     ScratchDir();
-    ~ScratchDir();
+    ~ScratchDir() { RemoveTree(path_); }
     ScratchDir(const ScratchDir&) = delete;
     ScratchDir& operator=(const ScratchDir&) = delete;
     const std::wstring& path() const { return path_; }
@@ -32,16 +33,21 @@ private:
 // old value, or no value) at the end of the scope.
 class RegValueOverride {
 public:
-    RegValueOverride(const std::wstring& subkey, const std::wstring& name, DWORD value);
-    RegValueOverride(const std::wstring& subkey, const std::wstring& name, const std::wstring& value);
+    RegValueOverride(const std::wstring& subkey, const std::wstring& name, DWORD value)
+        : RegValueOverride(subkey, name, REG_DWORD, &value, sizeof value) {}
+    RegValueOverride(const std::wstring& subkey, const std::wstring& name, const std::wstring& value)
+        : RegValueOverride(subkey, name, REG_SZ, value.c_str(), static_cast<DWORD>((value.size() + 1) * 2)) {}
     // Deletes the value for the life of the scope.
-    RegValueOverride(const std::wstring& subkey, const std::wstring& name, std::nullptr_t);
-    ~RegValueOverride();
+    RegValueOverride(const std::wstring& subkey, const std::wstring& name, std::nullptr_t)
+        : RegValueOverride(subkey, name, REG_NONE, nullptr, 0) {}
+    ~RegValueOverride() { Put(existed_, type_, old_.data(), static_cast<DWORD>(old_.size())); }
     RegValueOverride(const RegValueOverride&) = delete;
     RegValueOverride& operator=(const RegValueOverride&) = delete;
 
 private:
-    void Save();
+    // No data: deletes the value.
+    RegValueOverride(const std::wstring& subkey, const std::wstring& name, DWORD type, const void* data, DWORD bytes);
+    void Put(bool set, DWORD type, const void* data, DWORD bytes) const;
     std::wstring subkey_, name_;
     bool existed_ = false;
     DWORD type_ = 0;
@@ -76,7 +82,6 @@ std::vector<std::wstring> ReadLogFileLines(const std::wstring& path);
 class LogCursor {
 public:
     LogCursor();
-    std::vector<LogLine> Lines() const;
     // Lines whose text contains `needle`.
     std::vector<LogLine> Matching(const std::wstring& needle) const;
     bool Contains(const std::wstring& needle) const { return !Matching(needle).empty(); }
@@ -86,15 +91,11 @@ private:
     uint64_t offset_ = 0;
 };
 
-// The registry key of the product's debug switches.
-inline const wchar_t* kDebugKey = L"SOFTWARE\\Veltrana\\Quillon\\Engine\\Debug";
-inline const wchar_t* kInstallPathKey = L"SOFTWARE\\Veltrana\\Quillon\\Engine\\InstallPath";
-
 // Starts a helper program (it joins this test run); the process handle, empty
 // when it can't start.
 kx::unique_handle Spawn(const std::wstring& commandLine, DWORD* pid = nullptr);
-// Runs a program with stdout and stderr captured (UTF-8 text), returns its
-// exit code.
+// Runs a program with stdout and stderr captured (UTF-8 text, lines ending in
+// LF), returns its exit code.
 DWORD RunCapture(const std::wstring& commandLine, std::string* output, DWORD timeoutMs = 300000);
 // The folder that holds the running test program (and the DLL, the tool).
 std::wstring BinDir();

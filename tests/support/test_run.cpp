@@ -54,13 +54,13 @@ void RemoveTree(const std::wstring& folder) {
     ::RemoveDirectoryW(folder.c_str());
 }
 
-namespace {
-
 std::wstring TempFolder() {
     wchar_t temp[MAX_PATH];
     const DWORD n = ::GetTempPathW(MAX_PATH, temp);
     return std::wstring(temp, n && temp[n - 1] == L'\\' ? n - 1 : n);
 }
+
+namespace {
 
 bool Running(DWORD pid) {
     kx::unique_handle p(::OpenProcess(SYNCHRONIZE, FALSE, pid));
@@ -113,16 +113,15 @@ TestRun::TestRun() {
     }
     if (LSTATUS rc = ::RegOverridePredefKey(HKEY_LOCAL_MACHINE, root.get())) Fail("RegOverridePredefKey", rc);
 
-    const wchar_t* installKey = L"SOFTWARE\\Veltrana\\Quillon\\Engine\\InstallPath";
     wchar_t path[MAX_PATH];
     DWORD bytes = sizeof path;
     if (owner_) {
         install_ = TempFolder() + L"\\kxrun_" + key_.substr(key_.rfind(L'\\') + 1);
         if (!::CreateDirectoryW(install_.c_str(), nullptr)) Fail("CreateDirectory", static_cast<long>(::GetLastError()));
-        SetValue(installKey, L"Path", REG_SZ, install_.c_str(), static_cast<DWORD>((install_.size() + 1) * 2));
+        SetValue(kInstallPathKey, L"Path", REG_SZ, install_.c_str(), static_cast<DWORD>((install_.size() + 1) * 2));
         const DWORD detail = 4;
-        SetValue(L"SOFTWARE\\Veltrana\\Quillon\\Engine\\Debug", L"KestrixHA", REG_DWORD, &detail, sizeof detail);
-    } else if (::RegGetValueW(HKEY_LOCAL_MACHINE, installKey, L"Path", RRF_RT_REG_SZ, nullptr, path, &bytes) == 0) {
+        SetValue(kDebugKey, L"KestrixHA", REG_DWORD, &detail, sizeof detail);
+    } else if (::RegGetValueW(HKEY_LOCAL_MACHINE, kInstallPathKey, L"Path", RRF_RT_REG_SZ, nullptr, path, &bytes) == 0) {
         install_ = path;
     }
     g_run = this;

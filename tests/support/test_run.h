@@ -35,5 +35,11 @@ const TestRun& CurrentRun();
 
 // Removes a folder with everything in it (read-only attributes cleared first).
 void RemoveTree(const std::wstring& folder);
+// %TEMP% without its trailing separator.
+std::wstring TempFolder();
+
+// The registry keys of the product's debug switches and install folder.
+inline const wchar_t* kDebugKey = L"SOFTWARE\\Veltrana\\Quillon\\Engine\\Debug";
+inline const wchar_t* kInstallPathKey = L"SOFTWARE\\Veltrana\\Quillon\\Engine\\InstallPath";
 
 }  // namespace kxtest

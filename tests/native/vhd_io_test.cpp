@@ -134,12 +134,7 @@ TEST(VhdIo, FailedWritesLeaveAConsistentImage) {
         mem.writesLeft = allowed;
         size_t done = 0;
         for (; done < writes.size(); ++done) {
-            auto [first, count] = writes[done];
-            Bytes buf(size_t{count} * kSector);
-            for (uint32_t i = 0; i < count; ++i) FillSector(7, first + i, &buf[size_t{i} * kSector]);
-            std::copy(buf.begin(), buf.end(), after.data.begin() + static_cast<ptrdiff_t>(first * kSector));
-            const Status s = disk->Write(first, count, buf.data());
-            if (s) {
+            if (const Status s = WriteModel(*disk, after, writes[done].first, writes[done].second, 7)) {
                 ASSERT_EQ(s, kxnative::MemoryFileSystem::kIoFault);
                 break;
             }

@@ -89,11 +89,14 @@ struct Model {
     Bytes data;
 };
 
+// Writes the sectors to the disk and, whether or not that works, the model.
+inline Status WriteModel(VhdDisk& disk, Model& model, uint64_t first, uint32_t count, uint32_t seed) {
+    uint8_t* at = &model.data.at(first * kSector);
+    for (uint32_t i = 0; i < count; ++i) FillSector(seed, first + i, at + size_t{i} * kSector);
+    return disk.Write(first, count, at);
+}
 inline void WriteBoth(VhdDisk& disk, Model& model, uint64_t first, uint32_t count, uint32_t seed) {
-    Bytes buf(size_t{count} * kSector);
-    for (uint32_t i = 0; i < count; ++i) FillSector(seed, first + i, &buf[size_t{i} * kSector]);
-    ASSERT_EQ(disk.Write(first, count, buf.data()), 0u) << "write " << first << "+" << count;
-    std::copy(buf.begin(), buf.end(), model.data.begin() + static_cast<ptrdiff_t>(first * kSector));
+    ASSERT_EQ(WriteModel(disk, model, first, count, seed), 0u) << "write " << first << "+" << count;
 }
 
 // The whole disk, read in uneven pieces so that reads start and end

@@ -215,14 +215,10 @@ def bench_edits(path, sets, adds):
 
 
 if __name__ == '__main__':
-    cmd = sys.argv[1]
-    if cmd == 'empty':
-        empty_hive(sys.argv[2], int(sys.argv[3]))
-    elif cmd == 'fill':
-        fill(sys.argv[2], int(sys.argv[3]), int(sys.argv[4]))
-    elif cmd == 'dump':
-        sys.stdout.write(''.join(l + '\n' for l in dump_hivex(sys.argv[2])))
+    cmd, args = sys.argv[1], sys.argv[2:]
+    if cmd == 'dump':
+        sys.stdout.write(''.join(l + '\n' for l in dump_hivex(args[0])))
     elif cmd == 'check':
-        sys.exit(check(sys.argv[2], sys.argv[3], sys.argv[4:]))
-    elif cmd == 'bench':
-        bench_edits(sys.argv[2], int(sys.argv[3]), int(sys.argv[4]))
+        sys.exit(check(args[0], args[1], args[2:]))
+    else:  # empty PATH MINOR, fill PATH KEYS SEED, bench PATH SETS ADDS
+        {'empty': empty_hive, 'fill': fill, 'bench': bench_edits}[cmd](args[0], *map(int, args[1:]))

@@ -19,22 +19,15 @@ constexpr size_t kHeader = 512;
 // 15 present, /c.vhd a child of /d.vhd with one block.
 struct Images {
     Images() {
-        v::CreateParams p;
-        p.size = kDiskSize;
-        p.blockSize = 4096;
         std::unique_ptr<VhdDisk> disk;
-        p.type = DiskType::kFixed;
-        EXPECT_EQ(VhdDisk::Create(mem, u"/f.vhd", p, &disk), 0u);
-        p.type = DiskType::kDynamic;
-        EXPECT_EQ(VhdDisk::Create(mem, u"/d.vhd", p, &disk), 0u);
+        EXPECT_EQ(VhdDisk::Create(mem, u"/f.vhd", Params(DiskType::kFixed, kDiskSize, 4096), &disk), 0u);
+        EXPECT_EQ(VhdDisk::Create(mem, u"/d.vhd", Params(DiskType::kDynamic, kDiskSize, 4096), &disk), 0u);
         Model m(kDiskSize);
         WriteBoth(*disk, m, 0, 4, 1);
         WriteBoth(*disk, m, 24, 8, 1);
         WriteBoth(*disk, m, 127, 1, 1);
         expectedDynamic = m.data;
-        p.type = DiskType::kDifferencing;
-        p.parentPath = u"/d.vhd";
-        EXPECT_EQ(VhdDisk::Create(mem, u"/c.vhd", p, &disk), 0u);
+        EXPECT_EQ(VhdDisk::Create(mem, u"/c.vhd", Params(DiskType::kDifferencing, 0, 4096, u"/d.vhd"), &disk), 0u);
         WriteBoth(*disk, m, 40, 2, 2);
         disk.reset();
         expectedChild = m.data;
@@ -44,9 +37,7 @@ struct Images {
     }
     Status Open(const std::u16string& path, const Bytes& bytes, std::unique_ptr<VhdDisk>* disk) {
         mem.Put(path, bytes);
-        std::unique_ptr<v::PositionedFile> file;
-        EXPECT_EQ(mem.Open(path, false, &file), 0u);
-        return VhdDisk::Open(std::move(file), path, false, mem, disk);
+        return OpenMem(mem, path, disk);
     }
     const Bytes& Expected(char image) const {
         static const Bytes zeros(kDiskSize);
@@ -86,6 +77,13 @@ TEST(VhdHostile, DamagedImagesGiveTheirCodes) {
     };
     auto entry = [](size_t i) { return [=](const Bytes& b) { return BatEntry(b, Table(b), i); }; };
     const uint64_t huge = v::kMaxDiskSize;
+    auto absurd = [&](uint64_t entries) {
+        return [=](Bytes& b) {
+            footer(Set(&F::currentSize, huge))(b);
+            header(Set(&H::maxTableEntries, entries))(b);
+        };
+    };
+    auto geometry = footer([](F& f) { f.cylinders.set(1), f.heads = 1, f.sectorsPerTrack = 1; });
     const std::vector<Case> cases = {
         {"Empty", 'd', [](Bytes& b) { b.clear(); }, v::kFooterMissing},
         {"ShorterThanAFooter", 'd', [](Bytes& b) { b.resize(100); }, v::kFooterMissing},
@@ -125,18 +123,8 @@ TEST(VhdHostile, DamagedImagesGiveTheirCodes) {
          v::kBlockAllocationTableCorrupt},
         {"EntriesShared", 'd', batEntry(15, entry(3)), v::kBlockAllocationTableCorrupt},
         // Sizes whose tables would be gigabytes: refused before any allocation.
-        {"AbsurdSizeSmallBlocks", 'd',
-         [&](Bytes& b) {
-             footer(Set(&F::currentSize, huge))(b);
-             header(Set(&H::maxTableEntries, huge / 4096))(b);
-         },
-         v::kBlockAllocationTableCorrupt},
-        {"AbsurdSizeAbsurdTable", 'd',
-         [&](Bytes& b) {
-             footer(Set(&F::currentSize, huge))(b);
-             header(Set(&H::maxTableEntries, ~0u))(b);
-         },
-         v::kBlockAllocationTableCorrupt},
+        {"AbsurdSizeSmallBlocks", 'd', absurd(huge / 4096), v::kBlockAllocationTableCorrupt},
+        {"AbsurdSizeAbsurdTable", 'd', absurd(~0u), v::kBlockAllocationTableCorrupt},
         {"LocatorTooLong", 'c', header([](H& h) { h.locators[0].dataLength.set(0x7FFFFFFF); }), v::kSparseHeaderCorrupt},
         {"LocatorPastEnd", 'c', header([](H& h) { h.locators[0].dataOffset.set(1ull << 40); }), v::kSparseHeaderCorrupt},
         {"LocatorOffsetWraps", 'c', header([](H& h) { h.locators[0].dataOffset.set(~0ull - 4); }), v::kSparseHeaderCorrupt},
@@ -149,8 +137,8 @@ TEST(VhdHostile, DamagedImagesGiveTheirCodes) {
         // Recoverable: the size is the footer's current size, never the
         // product of the geometry (which may be anything in a foreign file);
         // the trailing footer lost or cut off while the front copy remains.
-        {"GeometryIgnored", 'd', footer([](F& f) { f.cylinders.set(1); f.heads = 1; f.sectorsPerTrack = 1; }), 0},
-        {"FixedGeometryIgnored", 'f', footer([](F& f) { f.cylinders.set(1); f.heads = 1; f.sectorsPerTrack = 1; }), 0},
+        {"GeometryIgnored", 'd', geometry, 0},
+        {"FixedGeometryIgnored", 'f', geometry, 0},
         {"TrailingFooterLost", 'd', [](Bytes& b) { b[b.size() - kSector] = 'X'; }, 0},
         {"TrailingFooterCutOff", 'd', [](Bytes& b) { b.resize(b.size() - kSector); }, 0},
     };
@@ -169,11 +157,8 @@ TEST(VhdHostile, DamagedImagesGiveTheirCodes) {
 TEST(VhdHostile, SingleByteDamageNeverCrashes) {
     Images img;
     for (const Bytes* base : {&img.dynamic, &img.child}) {
-        const size_t tableEnd = Table(*base) + 512;
-        std::vector<size_t> offsets;
-        for (size_t i = 0; i < tableEnd; ++i) offsets.push_back(i);
-        for (size_t i = base->size() - kSector; i < base->size(); ++i) offsets.push_back(i);
-        for (size_t at : offsets) {
+        // The footer copy, header and table, then the trailing footer.
+        for (size_t at = 0; at < base->size(); at = at + 1 == Table(*base) + 512 ? base->size() - kSector : at + 1) {
             for (uint8_t mask : {0x01, 0x80, 0xFF}) {
                 Bytes b = *base;
                 b[at] ^= mask;
@@ -195,11 +180,9 @@ TEST(VhdHostile, ReadFailuresComeThrough) {
     Images img;
     for (const std::u16string path : {u"/f.vhd", u"/c.vhd"}) {
         for (long allowed = 0;; ++allowed) {
-            std::unique_ptr<v::PositionedFile> file;
-            ASSERT_EQ(img.mem.Open(path, false, &file), 0u);
             std::unique_ptr<VhdDisk> disk;
             img.mem.readsLeft = allowed;
-            const Status s = VhdDisk::Open(std::move(file), path, false, img.mem, &disk);
+            const Status s = OpenMem(img.mem, path, &disk);
             img.mem.readsLeft = -1;
             if (s == 0) break;
             ASSERT_EQ(s, Mem::kIoFault) << allowed;

@@ -15,17 +15,6 @@ struct Layout {
 
 class VhdRoundTrip : public ::testing::TestWithParam<Layout> {};
 
-// Writes that start and end on every kind of edge: bitmap bytes, bitmap
-// sectors, blocks, and the partial last block of the disk.
-std::vector<std::pair<uint64_t, uint32_t>> EdgeWrites(uint32_t spb, uint64_t total) {
-    std::vector<std::pair<uint64_t, uint32_t>> writes = {
-        {0, 1},         {7, 1},       {8, 1},           {9, 3},          {spb - 1, 1},          {spb - 5, 12},
-        {2 * spb - 3, 300}, {3, 10},  {4090, 12},       {100, spb + 17}, {total - 1, 1},        {total - 20, 19},
-        {total - spb / 2, 2}};
-    std::erase_if(writes, [&](const auto& w) { return w.first + w.second > total; });
-    return writes;
-}
-
 // The bitmap answer for [start, start + 8 * bytes), computed from the set of
 // sectors written to this file.
 void ExpectBitmap(VhdDisk& disk, const std::set<uint64_t>& present, bool all, uint64_t start, uint32_t bytes) {
@@ -115,10 +104,8 @@ INSTANTIATE_TEST_SUITE_P(Layouts, VhdRoundTrip,
 
 TEST(VhdIo, RejectsOutOfRangeAndReadOnlyAccess) {
     kxnative::MemoryFileSystem mem;
-    kx::vhd::CreateParams p;
-    p.size = 3 * kMiB;
     std::unique_ptr<VhdDisk> disk;
-    ASSERT_EQ(VhdDisk::Create(mem, u"/d.vhd", p, &disk), 0u);
+    ASSERT_EQ(VhdDisk::Create(mem, u"/d.vhd", {.size = 3 * kMiB}, &disk), 0u);
     uint8_t buf[2 * kSector] = {};
     const uint64_t n = disk->SectorCount();
     for (auto [first, count] : std::vector<std::pair<uint64_t, uint32_t>>{{n, 1}, {n - 1, 2}, {~0ull, 2}, {1, ~0u}}) {
@@ -130,9 +117,7 @@ TEST(VhdIo, RejectsOutOfRangeAndReadOnlyAccess) {
     disk.reset();
     EXPECT_EQ(mem.Get(u"/d.vhd").size(), 512u + 1024 + 512 + 512);  // nothing was allocated
 
-    std::unique_ptr<kx::vhd::PositionedFile> file;
-    ASSERT_EQ(mem.Open(u"/d.vhd", false, &file), 0u);
-    ASSERT_EQ(VhdDisk::Open(std::move(file), u"/d.vhd", false, mem, &disk), 0u);
+    ASSERT_EQ(OpenMem(mem, u"/d.vhd", &disk), 0u);
     EXPECT_EQ(disk->Write(0, 1, buf), kx::vhd::kAccessDenied);
     EXPECT_EQ(disk->Flush(), 0u);
 }
@@ -143,21 +128,13 @@ TEST(VhdIo, FailedWritesLeaveAConsistentImage) {
     const std::vector<std::pair<uint64_t, uint32_t>> writes = {{10, 4}, {4090, 12}, {20000, 3}, {12, 8}, {8200, 1}};
     for (long allowed = 0;; ++allowed) {
         kxnative::MemoryFileSystem mem;
-        kx::vhd::CreateParams p;
-        p.size = 12 * kMiB;
-        p.blockSize = 2 * kMiB;
         std::unique_ptr<VhdDisk> disk;
-        ASSERT_EQ(VhdDisk::Create(mem, u"/d.vhd", p, &disk), 0u);
-        Model before(p.size), after(p.size);
+        ASSERT_EQ(VhdDisk::Create(mem, u"/d.vhd", Params(DiskType::kDynamic, 12 * kMiB, 2 * kMiB), &disk), 0u);
+        Model before(12 * kMiB), after(12 * kMiB);
         mem.writesLeft = allowed;
         size_t done = 0;
         for (; done < writes.size(); ++done) {
-            auto [first, count] = writes[done];
-            Bytes buf(size_t{count} * kSector);
-            for (uint32_t i = 0; i < count; ++i) FillSector(7, first + i, &buf[size_t{i} * kSector]);
-            std::copy(buf.begin(), buf.end(), after.data.begin() + static_cast<ptrdiff_t>(first * kSector));
-            const Status s = disk->Write(first, count, buf.data());
-            if (s) {
+            if (const Status s = WriteModel(*disk, after, writes[done].first, writes[done].second, 7)) {
                 ASSERT_EQ(s, kxnative::MemoryFileSystem::kIoFault);
                 break;
             }
@@ -170,9 +147,7 @@ TEST(VhdIo, FailedWritesLeaveAConsistentImage) {
         ASSERT_EQ(disk->GetBitmap(0, sizeof liveBits, &aligned, &valid, liveBits), 0u);
         const Bytes live = ReadAll(*disk);
         disk.reset();
-        std::unique_ptr<kx::vhd::PositionedFile> file;
-        ASSERT_EQ(mem.Open(u"/d.vhd", false, &file), 0u);
-        ASSERT_EQ(VhdDisk::Open(std::move(file), u"/d.vhd", false, mem, &disk), 0u) << allowed;
+        ASSERT_EQ(OpenMem(mem, u"/d.vhd", &disk), 0u) << allowed;
         const Bytes got = ReadAll(*disk);
         ASSERT_EQ(disk->GetBitmap(0, sizeof bits, &aligned, &valid, bits), 0u);
         ASSERT_EQ(0, memcmp(bits, liveBits, sizeof bits)) << allowed;

@@ -1,5 +1,6 @@
-// Shared helpers of the native VHD tests: scratch folders, a byte-exact model
-// of what a disk should hold, raw field patching, and external tools.
+// Shared helpers of the native tests: scratch folders, files, external tools,
+// and for the VHD tests a byte-exact model of what a disk should hold and raw
+// field patching.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -49,6 +50,30 @@ private:
 
 inline std::u16string U16(const std::string& s) { return kxnative::FromUtf8(s); }
 
+inline Bytes ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return Bytes(std::istreambuf_iterator<char>(in), {});
+}
+
+inline void WriteFile(const std::string& path, const Bytes& bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+// Runs a shell command; its exit code, and its output and errors together.
+inline int RunCommand(const std::string& cmd, std::string* output = nullptr) {
+    FILE* p = popen((cmd + " 2>&1").c_str(), "r");
+    if (!p) return -1;
+    std::string text;
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) text.append(buf, n);
+    const int rc = pclose(p);
+    if (output) *output = text;
+    return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+}
+
+inline bool HaveTool(const std::string& name) { return RunCommand("command -v " + name + " >/dev/null") == 0; }
+
 // A sector's worth of bytes that differ per seed and per sector.
 inline void FillSector(uint32_t seed, uint64_t sector, uint8_t* out) {
     uint64_t x = (sector + 1) * 0x9E3779B97F4A7C15ull ^ (uint64_t{seed} << 32 | seed);
@@ -64,11 +89,14 @@ struct Model {
     Bytes data;
 };
 
+// Writes the sectors to the disk and, whether or not that works, the model.
+inline Status WriteModel(VhdDisk& disk, Model& model, uint64_t first, uint32_t count, uint32_t seed) {
+    uint8_t* at = &model.data.at(first * kSector);
+    for (uint32_t i = 0; i < count; ++i) FillSector(seed, first + i, at + size_t{i} * kSector);
+    return disk.Write(first, count, at);
+}
 inline void WriteBoth(VhdDisk& disk, Model& model, uint64_t first, uint32_t count, uint32_t seed) {
-    Bytes buf(size_t{count} * kSector);
-    for (uint32_t i = 0; i < count; ++i) FillSector(seed, first + i, &buf[size_t{i} * kSector]);
-    ASSERT_EQ(disk.Write(first, count, buf.data()), 0u) << "write " << first << "+" << count;
-    std::copy(buf.begin(), buf.end(), model.data.begin() + static_cast<ptrdiff_t>(first * kSector));
+    ASSERT_EQ(WriteModel(disk, model, first, count, seed), 0u) << "write " << first << "+" << count;
 }
 
 // The whole disk, read in uneven pieces so that reads start and end
@@ -93,38 +121,62 @@ inline Status OpenPosix(const std::string& path, bool writable, std::unique_ptr<
     return VhdDisk::Open(std::move(file), U16(path), writable, posix, disk);
 }
 
+inline Status OpenMem(kxnative::MemoryFileSystem& mem, const std::u16string& path, std::unique_ptr<VhdDisk>* disk) {
+    std::unique_ptr<kx::vhd::PositionedFile> file;
+    if (Status s = mem.Open(path, false, &file)) return s;
+    return VhdDisk::Open(std::move(file), path, false, mem, disk);
+}
+
+inline kx::vhd::CreateParams Params(DiskType type, uint64_t size, uint32_t blockSize = kx::vhd::kDefaultBlockSize,
+                                   const std::u16string& parent = {}) {
+    return {type, size, blockSize, parent};
+}
+
 inline Status CreatePosix(const std::string& path, DiskType type, uint64_t size, std::unique_ptr<VhdDisk>* disk,
                           const std::string& parent = {}, uint32_t blockSize = kx::vhd::kDefaultBlockSize) {
     kxnative::PosixFileSystem posix;
-    kx::vhd::CreateParams p;
-    p.type = type;
-    p.size = size;
-    p.blockSize = blockSize;
-    p.parentPath = U16(parent);
-    return VhdDisk::Create(posix, U16(path), p, disk);
+    return VhdDisk::Create(posix, U16(path), {type, size, blockSize, U16(parent)}, disk);
 }
 
-inline Bytes ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(in), {});
+// base <- mid <- top, each with its own writes; returns what top should read.
+// Every write ends on a sector 8k+7: libvhdi reads a bitmap byte right only
+// when its set bits run to the byte's last sector.
+inline Model MakeChain(const std::string& base, const std::string& mid, const std::string& top, DiskType baseType) {
+    const uint64_t size = 6 * kMiB + 40 * kSector, n = size / kSector;
+    Model model(size);
+    std::unique_ptr<VhdDisk> disk;
+    EXPECT_EQ(CreatePosix(base, baseType, size, &disk), 0u);
+    for (auto [first, count] : {std::pair<uint64_t, uint32_t>{0, 9000}, {4095, 1}, {n - 48, 48}})
+        WriteBoth(*disk, model, first, count, 1);
+    EXPECT_EQ(CreatePosix(mid, DiskType::kDifferencing, 0, &disk, base), 0u);
+    for (auto [first, count] : {std::pair<uint64_t, uint32_t>{4000, 200}, {8190, 10}, {n - 1, 1}})
+        WriteBoth(*disk, model, first, count, 2);
+    EXPECT_EQ(CreatePosix(top, DiskType::kDifferencing, 0, &disk, mid), 0u);
+    for (auto [first, count] : {std::pair<uint64_t, uint32_t>{4100, 4}, {1, 7}, {4090, 14}, {n - 56, 24}})
+        WriteBoth(*disk, model, first, count, 3);
+    return model;
 }
 
-inline void WriteFile(const std::string& path, const Bytes& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+// Writes that start and end on every kind of edge: bitmap bytes, bitmap
+// sectors, blocks, and the partial last block of the disk.
+inline std::vector<std::pair<uint64_t, uint32_t>> EdgeWrites(uint32_t spb, uint64_t total) {
+    std::vector<std::pair<uint64_t, uint32_t>> writes = {
+        {0, 1},         {7, 1},       {8, 1},           {9, 3},          {spb - 1, 1},          {spb - 5, 12},
+        {2 * spb - 3, 300}, {3, 10},  {4090, 12},       {100, spb + 17}, {total - 1, 1},        {total - 20, 19},
+        {total - spb / 2, 2}};
+    std::erase_if(writes, [&](const auto& w) { return w.first + w.second > total; });
+    return writes;
 }
 
 // Raw structures of an image (footer, dynamic header, a BAT entry) copied
 // out of it and back, bounds-checked.
-template <class Raw>
-Raw GetRaw(const Bytes& b, size_t at) {
-    if (at > b.size() || b.size() - at < sizeof(Raw)) throw std::out_of_range("raw structure past the image");
-    return kx::vhd::LoadRaw<Raw>(&b[at]);
+inline void CheckFits(const Bytes& b, size_t at, size_t n) {
+    if (at > b.size() || b.size() - at < n) throw std::out_of_range("raw structure past the image");
 }
 template <class Raw>
-void PutRaw(Bytes& b, size_t at, const Raw& raw) {
-    if (at > b.size() || b.size() - at < sizeof(Raw)) throw std::out_of_range("raw structure past the image");
-    kx::vhd::StoreRaw(&b[at], raw);
+Raw GetRaw(const Bytes& b, size_t at) {
+    CheckFits(b, at, sizeof(Raw));
+    return kx::vhd::LoadRaw<Raw>(&b[at]);
 }
 // Applies `edit` to the footer or dynamic header at `at` and, unless told
 // otherwise, fixes its checksum.
@@ -133,28 +185,16 @@ void EditRaw(Bytes& b, size_t at, Edit&& edit, bool reseal = true) {
     Raw raw = GetRaw<Raw>(b, at);
     edit(raw);
     if (reseal) raw.checksum.set(kx::vhd::ChecksumOf(raw));
-    PutRaw(b, at, raw);
+    kx::vhd::StoreRaw(&b[at], raw);
 }
 inline uint32_t BatEntry(const Bytes& b, size_t table, size_t i) {
     return GetRaw<kx::vhd::Be32>(b, table + 4 * i).get();
 }
 inline void SetBatEntry(Bytes& b, size_t table, size_t i, uint32_t entry) {
+    CheckFits(b, table + 4 * i, 4);
     kx::vhd::Be32 raw;
     raw.set(entry);
-    PutRaw(b, table + 4 * i, raw);
+    kx::vhd::StoreRaw(&b[table + 4 * i], raw);
 }
-
-inline int RunCommand(const std::string& cmd, std::string* output = nullptr) {
-    FILE* p = popen((cmd + " 2>&1").c_str(), "r");
-    if (!p) return -1;
-    std::string text;
-    char buf[4096];
-    for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) text.append(buf, n);
-    const int rc = pclose(p);
-    if (output) *output = text;
-    return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
-}
-
-inline bool HaveTool(const std::string& name) { return RunCommand("command -v " + name + " >/dev/null") == 0; }
 
 }  // namespace vhdtest

@@ -1,11 +1,11 @@
 #!/usr/bin/python3
 """Independent side of the hive engine's tests: writes an empty hive from the
-format's description, fills hives with hivex, and reads hives back with
-hivex, regfexport and reglookup into the dump format of the tests:
+format's description, fills hives with hivex, reads hives back with hivex in
+the dump format of the tests:
     K\t<key path>          (path components joined by '\\', root is empty)
     V\t<key path>\t<value name>\t<type>\t<hex data>
-sorted, UTF-8."""
-import random, re, struct, subprocess, sys, time
+sorted, UTF-8, and compares such a dump with what regfexport and reglookup show."""
+import itertools, random, re, struct, subprocess, sys, time
 
 import hivex
 
@@ -102,130 +102,97 @@ def dump_hivex(path):
     return sorted(out)
 
 
-def parse(dump):
-    keys, values = set(), {}
-    for line in dump:
-        f = line.split('\t')
-        if f[0] == 'K':
-            keys.add(f[1])
-        else:
-            values[(f[1], f[2])] = (int(f[3]), bytes.fromhex(f[4]))
-    return keys, values
-
-
-REG_NAMES = {0: 'NONE', 1: 'SZ', 2: 'EXPAND_SZ', 3: 'BINARY', 4: 'DWORD', 5: 'DWORD_BE', 6: 'LINK',
-             7: 'MULTI_SZ', 11: 'QWORD'}
+def run(args):
+    return subprocess.run(args, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=True).stdout
 
 
 def unquote(s):
     return re.sub(r'%([0-9A-Fa-f]{2})', lambda m: chr(int(m.group(1), 16)), s)
 
 
-def utf16_text(data):
-    s = data[:len(data) // 2 * 2].decode('utf-16-le', 'replace')
-    return s.split('\0')[0]
+def read_reglookup(path):
+    """Keys and values as reglookup prints them: paths with '/', escaped text,
+    a value as (type name, text)."""
+    keys, vals = set(), {}
+    for f in (line.split(',') for line in run(['reglookup', '-H', path]).decode('latin-1').splitlines()):
+        if len(f) >= 4 and f[1] == 'KEY':
+            keys.add(unquote(f[0])[1:].replace('/', '\\'))
+        elif len(f) >= 4:
+            vals[unquote(f[0])] = (f[1], unquote(f[2]))
+    return keys, vals
 
 
-def check_reglookup(path, keys, values):
-    """reglookup prints key and value paths with '/', escaped text; values are
-    compared where its text form is exact (ASCII paths)."""
-    out = subprocess.run(['reglookup', '-H', path], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=True).stdout.decode('latin-1')
-    seen_keys, seen_vals, compared, bad = set(), {}, 0, []
-    for line in out.splitlines():
-        f = line.split(',')
-        if len(f) < 4:
-            continue
-        seen = unquote(f[0])
-        if f[1] == 'KEY':
-            seen_keys.add(seen[1:].replace('/', '\\'))
-        else:
-            seen_vals[seen] = (f[1], f[2])
-    ascii_keys = {k for k in keys if k.isascii()}
-    if not ascii_keys <= seen_keys:
-        bad.append('reglookup keys missing: %s' % sorted(ascii_keys - seen_keys)[:3])
-    for (k, n), (t, data) in values.items():
-        if not (k + n).isascii():
-            continue
-        full = '/' + k.replace('\\', '/') + '/' + n
-        got = seen_vals.get(full)
-        if got is None:
-            bad.append('reglookup lacks value %r' % full)
-            continue
-        want_type = REG_NAMES.get(t, '0x%08X' % t)
-        text = unquote(got[1])
-        if t == 4 and len(data) == 4:
-            ok = got == (want_type, '0x%08X' % int.from_bytes(data, 'little'))
-        elif t == 11 and len(data) == 8:
-            ok = got == (want_type, '0x%016X' % int.from_bytes(data, 'little'))
-        elif t in (1, 2):
-            ok = got[0] == want_type and text == utf16_text(data)
-        elif t == 3:
-            ok = got[0] == want_type and (text == '(null)' if not data else text.encode('latin-1') == data)
-        else:
-            ok = got[0] == want_type
-        compared += 1
-        if not ok:
-            bad.append('reglookup differs at %r: %r' % (full, (got[0], got[1][:60])))
-    return compared, bad
+REG_NAMES = {0: 'NONE', 1: 'SZ', 2: 'EXPAND_SZ', 3: 'BINARY', 4: 'DWORD', 5: 'DWORD_BE', 6: 'LINK',
+             7: 'MULTI_SZ', 11: 'QWORD'}
 
 
-def check_regfexport(path, keys, values):
-    """regfexport prints every key path (under the root's name) and, per value,
-    its name, type, size and for binary data a hex dump."""
-    out = subprocess.run(['regfexport', path], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=True).stdout.decode('utf-8', 'replace')
-    seen, cur, val, compared, bad = {}, None, None, 0, []
-    lines = out.splitlines()
-    i = 0
-    while i < len(lines):
-        line = lines[i]
+def reglookup_form(t, data):
+    """What reglookup prints for a value, as far as its text form is exact."""
+    name = REG_NAMES.get(t, '0x%08X' % t)
+    if t in (4, 11) and len(data) == (4 if t == 4 else 8):
+        return (name, '0x%0*X' % (len(data) * 2, int.from_bytes(data, 'little')))
+    if t in (1, 2):
+        return (name, data[:len(data) // 2 * 2].decode('utf-16-le', 'replace').split('\0')[0])
+    if t == 3:
+        return (name, data.decode('latin-1') if data else '(null)')
+    return (name,)
+
+
+def read_regfexport(path):
+    """Keys (under the root's name) and values as regfexport prints them, a
+    value as (size,) or, for binary data with its hex dump, (size, hex)."""
+    keys, vals, cur, val = set(), {}, None, None
+    lines = run(['regfexport', path]).decode('utf-8', 'replace').splitlines()
+    for i, line in enumerate(lines):
         if line.startswith('Key path: '):
             cur = line[len('Key path: '):].split('\\', 1)[1] if '\\' in line else ''
-            seen.setdefault(('K', cur), None)
+            keys.add(cur)
         elif line.startswith('Value: ') and cur is not None:
             val = line.split(' ', 2)[2] if line.count(' ') >= 2 else ''
-            if val == '(default)':
-                val = ''
+            val = '' if val == '(default)' else val
         elif line.startswith('Data size: ') and val is not None:
-            size = int(line.split(': ')[1])
-            hexdata = None
+            got = (int(line.split(': ')[1]),)
             if i + 1 < len(lines) and lines[i + 1] == 'Data:':
-                hexdata, j = '', i + 2
-                while j < len(lines) and re.match(r'^[0-9a-f]{8}: ', lines[j]):
-                    hexdata += ''.join(lines[j][10:58].split())
-                    j += 1
-            seen[(cur, val)] = (size, hexdata)
+                dump = itertools.takewhile(lambda l: re.match(r'^[0-9a-f]{8}: ', l), lines[i + 2:])
+                got += (''.join(''.join(l[10:58].split()) for l in dump),)
+            vals[(cur, val)] = got
             val = None
-        i += 1
-    missing = [k for k in keys if ('K', k) not in seen]
-    if missing:
-        bad.append('regfexport lacks keys %r' % missing[:3])
-    for (k, n), (t, data) in values.items():
-        got = seen.get((k, n))
-        compared += 1
-        if got is None or got[0] != len(data) or (got[1] is not None and got[1] != data.hex()):
-            bad.append('regfexport differs at %r\\%r: %r' % (k, n, got and (got[0], (got[1] or '')[:60])))
-    return compared, bad
+    return keys, vals
 
 
-def check(path, engine_dump, with_regfexport=True):
-    """Compares the engine's dump of a hive with what the readers see
-    (regfexport is slow on large hives and can be left out there)."""
+READERS = {  # reader, where it files a value, what it shows of a value, whether it shows a path exactly
+    'reglookup': (read_reglookup, lambda k, n: '/' + k.replace('\\', '/') + '/' + n, reglookup_form, str.isascii),
+    'regfexport': (read_regfexport, lambda k, n: (k, n), lambda t, data: (len(data), data.hex()), lambda p: True),
+}
+
+
+def check(path, engine_dump, readers):
+    """Compares the engine's dump of a hive with what hivex and the named
+    readers see; prints how many values each compared and what differs."""
     with open(engine_dump, encoding='utf-8') as f:
         mine = sorted(line.rstrip('\n') for line in f if line.strip())
-    keys, values = parse(mine)
-    theirs = dump_hivex(path)
-    bad = []
+    keys = {l.split('\t')[1] for l in mine if l[0] == 'K'}
+    values = {(f[1], f[2]): (int(f[3]), bytes.fromhex(f[4])) for f in (l.split('\t') for l in mine if l[0] == 'V')}
+    theirs, bad, counts = dump_hivex(path), [], ''
     if theirs != mine:
-        diff = sorted(set(theirs) ^ set(mine))[:4]
-        bad.append('hivex differs: %r' % [d[:100] for d in diff])
-    n_rl, b_rl = check_reglookup(path, keys, values)
-    n_rx, b_rx = check_regfexport(path, keys, values) if with_regfexport else (0, [])
-    bad += b_rl[:5] + b_rx[:5]
-    print('oracle keys=%d hivex_values=%d reglookup_values=%d regfexport_values=%d' %
-          (len(keys), len(values), n_rl, n_rx))
+        bad.append('hivex differs: %r' % [d[:100] for d in sorted(set(theirs) ^ set(mine))[:4]])
+    for name, (read, where, form, exact) in READERS.items():
+        shown = [(k, n) for (k, n) in values if exact(k + n)] if name in readers else []
+        counts += ' %s_values=%d' % (name, len(shown))
+        if name not in readers:
+            continue
+        seen_keys, seen = read(path)
+        missing = sorted(k for k in keys if exact(k) and k not in seen_keys)
+        found = ['%s lacks keys %r' % (name, missing[:3])] if missing else []
+        for k, n in shown:
+            got, want = seen.get(where(k, n)), form(*values[(k, n)])
+            if got is None or got[:len(want)] != want[:len(got)]:
+                found.append('%s differs at %r\\%r: %r' % (name, k, n, got and tuple(str(g)[:60] for g in got)))
+        bad += found[:5]
+    print('oracle keys=%d hivex_values=%d%s' % (len(keys), len(values), counts))
     for b in bad:
         print(b)
-    return 0 if not bad else 1
+    return 1 if bad else 0
 
 
 def bench_edits(path, sets, adds):
@@ -248,14 +215,10 @@ def bench_edits(path, sets, adds):
 
 
 if __name__ == '__main__':
-    cmd = sys.argv[1]
-    if cmd == 'empty':
-        empty_hive(sys.argv[2], int(sys.argv[3]))
-    elif cmd == 'fill':
-        fill(sys.argv[2], int(sys.argv[3]), int(sys.argv[4]))
-    elif cmd == 'dump':
-        sys.stdout.write(''.join(l + '\n' for l in dump_hivex(sys.argv[2])))
+    cmd, args = sys.argv[1], sys.argv[2:]
+    if cmd == 'dump':
+        sys.stdout.write(''.join(l + '\n' for l in dump_hivex(args[0])))
     elif cmd == 'check':
-        sys.exit(check(sys.argv[2], sys.argv[3], '--no-regfexport' not in sys.argv))
-    elif cmd == 'bench':
-        bench_edits(sys.argv[2], int(sys.argv[3]), int(sys.argv[4]))
+        sys.exit(check(args[0], args[1], args[2:]))
+    else:  # empty PATH MINOR, fill PATH KEYS SEED, bench PATH SETS ADDS
+        {'empty': empty_hive, 'fill': fill, 'bench': bench_edits}[cmd](args[0], *map(int, args[1:]))

@@ -56,7 +56,9 @@ TEST_P(PositionedIo, CodesAndCountsAtEveryPlace) {
         DWORD done = 12345;
         EXPECT_EQ(kx::io::ReadAt(f.get(), c.offset, buf.data(), c.size, &done), c.rc) << c.name;
         EXPECT_EQ(done, c.done) << c.name;
-        if (c.rc) EXPECT_EQ(::GetLastError(), c.rc) << c.name;
+        if (c.rc) {
+            EXPECT_EQ(::GetLastError(), c.rc) << c.name;
+        }
         for (DWORD i = 0; i < done; ++i) ASSERT_EQ(buf[i], Pattern(c.offset + i)) << c.name << " byte " << i;
     }
 

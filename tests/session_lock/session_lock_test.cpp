@@ -1,7 +1,8 @@
 // The built-in session lock: between objects of one process, against a holder
 // in another process (refusal details, waiting, death of the holder) and the
-// exclusion record that readers see. (The factory's built-in choice is what
-// kxha_test's lock command runs on; the manager's DLL is manager_dll_test's.)
+// exclusion record that readers see; and the factory with the session
+// manager's DLL installed. (The factory's built-in choice is what
+// kxha_test's lock command runs on.)
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -246,3 +247,28 @@ TEST(SessionLockAcrossProcesses, AKilledHolderFreesItsSessionsAtOnce) {
 }
 
 }  // namespace
+
+// Last: once found, the session manager's DLL stays in use for the process.
+// Its ordinal 100 makes the lock objects.
+TEST(SessionLockManagerDll, OrdinalHundredMakesTheLocksAndStaysLoaded) {
+    ASSERT_TRUE(::SetDllDirectoryW((kxtest::BinDir() + L"\\sessmgr").c_str()));
+    kp::ISessionLock* raw = nullptr;
+    const DWORD rc = kp::CreateKbSessLock(kp::OP_VCM, &raw);
+    ::SetDllDirectoryW(nullptr);
+    ASSERT_EQ(rc, 0u);
+    LockPtr lock(raw);
+    ASSERT_TRUE(lock);
+    std::vector<kp::SessionLockConflict> c;
+    EXPECT_EQ(lock->LockSession(Req(L"C:\\nowhere", {1}, 0, L"job"), c), 0x5EEDu);
+    ASSERT_EQ(c.size(), 1u);
+    EXPECT_EQ(c[0].op, kp::OP_VCM);
+    EXPECT_EQ(c[0].Desc, L"foreign:job");
+    lock.reset();
+    EXPECT_NE(::GetModuleHandleW(L"SessionManager.dll"), nullptr);
+
+    // Found once, it keeps answering without the search path.
+    ASSERT_EQ(kp::CreateKbSessLock(kp::OP_RESTORE, &raw), 0u);
+    lock.reset(raw);
+    EXPECT_EQ(lock->LockSession(Req(L"C:\\nowhere", {1}), c), 0x5EEDu);
+    EXPECT_EQ(c.at(0).op, kp::OP_RESTORE);
+}

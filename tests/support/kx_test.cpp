@@ -18,25 +18,13 @@ ScratchDir::ScratchDir() {
     if (!::CreateDirectoryW(path_.c_str(), nullptr)) throw std::runtime_error("cannot create scratch folder");
 }
 
-RegValueOverride::RegValueOverride(const std::wstring& subkey, const std::wstring& name, DWORD type,
-                                   const void* data, DWORD bytes)
-    : subkey_(subkey), name_(name) {
-    DWORD size = 0;
-    if (::RegGetValueW(HKEY_LOCAL_MACHINE, subkey_.c_str(), name_.c_str(), RRF_RT_ANY | RRF_NOEXPAND, &type_,
-                       nullptr, &size) == ERROR_SUCCESS) {
-        existed_ = true;
-        old_.resize(size);
-        ::RegGetValueW(HKEY_LOCAL_MACHINE, subkey_.c_str(), name_.c_str(), RRF_RT_ANY | RRF_NOEXPAND, &type_,
-                       old_.data(), &size);
-    }
-    Put(data != nullptr, type, data, bytes);
+void SetRegValue(const std::wstring& subkey, const std::wstring& name, DWORD value) {
+    ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, subkey.c_str(), name.c_str(), REG_DWORD, &value, sizeof value);
 }
 
-void RegValueOverride::Put(bool set, DWORD type, const void* data, DWORD bytes) const {
-    if (set)
-        ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, subkey_.c_str(), name_.c_str(), type, data, bytes);
-    else
-        ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, subkey_.c_str(), name_.c_str());
+void SetRegValue(const std::wstring& subkey, const std::wstring& name, const std::wstring& value) {
+    ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, subkey.c_str(), name.c_str(), REG_SZ, value.c_str(),
+                      static_cast<DWORD>((value.size() + 1) * 2));
 }
 
 void WriteBytes(const std::wstring& path, const void* data, size_t size) {

@@ -29,30 +29,10 @@ private:
     std::wstring path_;
 };
 
-// Sets a value under HKEY_LOCAL_MACHINE and restores the previous state (the
-// old value, or no value) at the end of the scope.
-class RegValueOverride {
-public:
-    RegValueOverride(const std::wstring& subkey, const std::wstring& name, DWORD value)
-        : RegValueOverride(subkey, name, REG_DWORD, &value, sizeof value) {}
-    RegValueOverride(const std::wstring& subkey, const std::wstring& name, const std::wstring& value)
-        : RegValueOverride(subkey, name, REG_SZ, value.c_str(), static_cast<DWORD>((value.size() + 1) * 2)) {}
-    // Deletes the value for the life of the scope.
-    RegValueOverride(const std::wstring& subkey, const std::wstring& name, std::nullptr_t)
-        : RegValueOverride(subkey, name, REG_NONE, nullptr, 0) {}
-    ~RegValueOverride() { Put(existed_, type_, old_.data(), static_cast<DWORD>(old_.size())); }
-    RegValueOverride(const RegValueOverride&) = delete;
-    RegValueOverride& operator=(const RegValueOverride&) = delete;
-
-private:
-    // No data: deletes the value.
-    RegValueOverride(const std::wstring& subkey, const std::wstring& name, DWORD type, const void* data, DWORD bytes);
-    void Put(bool set, DWORD type, const void* data, DWORD bytes) const;
-    std::wstring subkey_, name_;
-    bool existed_ = false;
-    DWORD type_ = 0;
-    std::vector<uint8_t> old_;
-};
+// Sets a value under HKEY_LOCAL_MACHINE, that is under the run's own root:
+// it lasts until the run ends, for the later tests of the program too.
+void SetRegValue(const std::wstring& subkey, const std::wstring& name, DWORD value);
+void SetRegValue(const std::wstring& subkey, const std::wstring& name, const std::wstring& value);
 
 // Files.
 void WriteBytes(const std::wstring& path, const void* data, size_t size);

@@ -84,19 +84,12 @@ TEST(BitmapReader, BadFilesGiveTheirCodes) {
     EXPECT_EQ(b.get()->startingSector, 800);
 }
 
-TEST(BitmapReader, ExportChecksArgumentsAndHandsOutReader) {
+TEST(BitmapReader, ExportChecksArguments) {
     ScratchDir d;
     IDiskBmpReader* r = reinterpret_cast<IDiskBmpReader*>(1);
     EXPECT_EQ(ReadDiskBitmap(nullptr, &r), 0x80070057u);
     EXPECT_EQ(ReadDiskBitmap(L"", &r), 0x80070057u);
     EXPECT_EQ(ReadDiskBitmap(L"x", nullptr), 0x80070057u);
     EXPECT_EQ(ReadDiskBitmap((d / L"none").c_str(), &r), 2u);
-    EXPECT_EQ(r, nullptr);
-    kxtest::WriteBitmapFile(d / L"ok.Bitmap", 8, {0x81});
-    ASSERT_EQ(ReadDiskBitmap((d / L"ok.Bitmap").c_str(), &r), 0u);
-    ASSERT_NE(r, nullptr);
-    Buffer b(1);
-    EXPECT_EQ(r->GetBitmap(0, 1, b.get()), 0u);
-    EXPECT_EQ(b.raw[16], 0x81);
-    EXPECT_EQ(r->Release(), 0u);
+    EXPECT_EQ(r, nullptr);  // readers it hands out are read in vhd_destination_test
 }

@@ -7,7 +7,6 @@
 
 #include "KestrixHA/bitmap_catalogue.h"
 #include "bitmap/bitmap_catalogue.h"
-#include "bitmap/union_reader.h"
 #include "bitmap_test_util.h"
 
 using kxtest::ScratchDir;
@@ -118,10 +117,4 @@ TEST(UnionReader, ChainsOfOneAndMissingSessions) {
     EXPECT_EQ(r, nullptr);
     EXPECT_EQ(GetBitmapReader_IncsFromFull(L"", 0, nullptr, &r), 0x80070057u);
     EXPECT_EQ(GetBitmapReader_IncsFromFull(disk(2).c_str(), 0, nullptr, nullptr), 0x80070057u);
-
-    // An empty union has no size.
-    auto* empty = new kx::bitmap::CDiskBmpReader_OR({});
-    LONGLONG t;
-    EXPECT_EQ(empty->GetTotalSectors(&t), 0x80070057u);
-    empty->Release();
 }

@@ -32,7 +32,6 @@ TEST(SessionPath, ParsesRootAndNumber) {
              Case{L"VStore\\S5", true, L"", 5},
              // A last component that is no session folder.
              Case{L"E:\\b\\VStore\\T0000000001", false},
-             Case{L"E:\\b\\VStore\\S", false},
              Case{L"E:\\b\\VStore\\Sabc", false},
              Case{L"E:\\b\\VStore\\", false},
              Case{nullptr, false},

@@ -22,7 +22,6 @@ TEST(DestroyDirectory, BadInputGetsClearCodes) {
     kxtest::LogCursor log;
     EXPECT_EQ(DestroyDirectory(nullptr), 87u);
     EXPECT_EQ(DestroyDirectory(L""), 87u);
-    EXPECT_TRUE(log.Contains(L"DestroyDirectory() starts (NULL)"));
     EXPECT_TRUE(log.Contains(L"DestroyDirectory() failed due to invalid parameter"));
 
     const std::wstring missing = d / L"missing";
@@ -46,13 +45,11 @@ TEST(DestroyDirectory, RemovesTreeUnlessAFileIsReadOnly) {
     kxtest::LogCursor log;
     EXPECT_EQ(DestroyDirectory(victim.c_str()), static_cast<DWORD>(ERROR_ACCESS_DENIED));
     EXPECT_TRUE(kxtest::Exists(locked));
-    EXPECT_TRUE(kxtest::Exists(victim + L"\\a\\b"));
     EXPECT_TRUE(log.Contains(L"DestroyDirectory() failed to DeleteFileW(" + locked + L"), rc = [5]"));
 
     ASSERT_TRUE(::SetFileAttributesW(locked.c_str(), FILE_ATTRIBUTE_NORMAL));
     EXPECT_EQ(DestroyDirectory(victim.c_str()), 0u);
     EXPECT_FALSE(kxtest::Exists(victim));
-    EXPECT_TRUE(log.Contains(L"DestroyDirectory() starts (" + victim + L")"));
     EXPECT_TRUE(log.Contains(L"DestroyDirectory() finished, rc = [0]"));
 }
 

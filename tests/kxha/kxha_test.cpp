@@ -56,7 +56,6 @@ TEST(Kxha, CommandsOnADestination) {
         bool whole = false;
     } cases[] = {
         {L"", 2, ""},
-        {L"frobnicate", 2, ""},
         {L"bitmap", 2, ""},
         {L"lock C:\\x", 2, ""},
         {L"lock C:\\x 5 2", 2, "reversed"},

@@ -102,8 +102,6 @@ TEST(LogFile, FourProcessesShareOneLogAcrossRotations) {
     for (size_t f = 0; f < files.size(); ++f) {
         SCOPED_TRACE(kxtest::Narrow(files[f]));
         const auto bytes = kxtest::ReadBytes(files[f]);
-        ASSERT_GE(bytes.size(), 2u);
-        EXPECT_TRUE(bytes[0] == 0xFF && bytes[1] == 0xFE);
         // Every writer moved on together: no file was left before it was full,
         // and none grew by more than the one line that filled it.
         if (f + 1 < files.size()) {

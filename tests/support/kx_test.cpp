@@ -87,7 +87,7 @@ std::optional<LogLine> ParseLogLine(const std::wstring& raw) {
     if (raw.empty() || raw[0] != L'[' || close == std::wstring::npos ||
         swscanf(raw.c_str() + 1, L"%*ls %*ls %*d %lu", &pid) != 1)
         return std::nullopt;
-    return LogLine{pid, raw.substr(close + 2), raw};
+    return LogLine{pid, raw.substr(close + 2)};
 }
 
 std::vector<std::wstring> ReadLogFileLines(const std::wstring& path) {

@@ -47,7 +47,6 @@ std::string Narrow(const std::wstring& s);
 struct LogLine {
     DWORD pid = 0;
     std::wstring text;
-    std::wstring raw;  // the whole line
 };
 
 // Parses a line; nullopt when it has no prefix.

@@ -76,9 +76,9 @@ TEST(LogFile, FourProcessesShareOneLogAcrossRotations) {
     ASSERT_TRUE(go);
     std::vector<kx::unique_handle> children;
     for (int w = 0; w < kWriters; ++w) {
-        std::wstring cmd = kx::Format(L"\"%s\\log_writer_child.exe\" \"%s\" %s %d %d %llu %s", kxtest::BinDir().c_str(),
-                                      stem.c_str(), module.c_str(), w, kLines, kLimit, goName.c_str());
-        children.emplace_back(kxtest::Spawn(cmd));
+        children.emplace_back(kxtest::SpawnHelper(L"LogFile.DISABLED_WriterProcess",
+                                                  kx::Format(L"%s|%s|%d|%d|%llu|%s", stem.c_str(), module.c_str(), w,
+                                                             kLines, kLimit, goName.c_str())));
         ASSERT_TRUE(children.back());
     }
     ::SetEvent(go.get());
@@ -126,6 +126,22 @@ TEST(LogFile, FourProcessesShareOneLogAcrossRotations) {
         }
     }
     for (int w = 0; w < kWriters; ++w) EXPECT_EQ(seen[w].size(), static_cast<size_t>(kLines)) << "writer " << w;
+}
+
+// A writer of FourProcessesShareOneLogAcrossRotations, in a process of its
+// own: "<stem>|<module>|<writer>|<lines>|<rotation bytes>|<start event>". The
+// text, level and error code of its lines follow from writer and line number.
+TEST(LogFile, DISABLED_WriterProcess) {
+    const auto task = kxtest::HelperTask();
+    ASSERT_EQ(task.size(), 6u);
+    Logger log(task[0].c_str(), task[1].c_str());
+    log.SetRotationLimit(std::stoull(task[4]));
+    if (kx::unique_handle go{::OpenEventW(SYNCHRONIZE, FALSE, task[5].c_str())}) ::WaitForSingleObject(go.get(), 60000);
+    for (int i = 0, lines = std::stoi(task[3]); i < lines; ++i) {
+        const std::wstring tail(static_cast<size_t>(i % 41), L'x');
+        const DWORD error = i % 5 == 0 ? 0x80070000u + static_cast<DWORD>(i) : 0;
+        log.Write(1 + i % 2, error, L"writer %s line %06d %s", task[2].c_str(), i, tail.c_str());
+    }
 }
 
 // An existing narrow file keeps its encoding and gets no header; a new one

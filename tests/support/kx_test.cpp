@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cwchar>
+#include <sstream>
 #include <stdexcept>
 
 #include "common/unique_resource.h"
@@ -134,7 +135,21 @@ kx::unique_handle Start(const std::wstring& commandLine, HANDLE output, DWORD* p
 }
 }  // namespace
 
-kx::unique_handle Spawn(const std::wstring& commandLine, DWORD* pid) { return Start(commandLine, nullptr, pid); }
+kx::unique_handle SpawnHelper(const std::wstring& test, const std::wstring& task, DWORD* pid) {
+    wchar_t self[MAX_PATH];
+    ::GetModuleFileNameW(nullptr, self, MAX_PATH);
+    ::SetEnvironmentVariableW(L"KX_HELPER_TASK", task.c_str());  // inherited by the helper
+    return Start(L"\"" + std::wstring(self) + L"\" --gtest_also_run_disabled_tests --gtest_filter=" + test, nullptr, pid);
+}
+
+std::vector<std::wstring> HelperTask() {
+    wchar_t task[4096] = {};
+    ::GetEnvironmentVariableW(L"KX_HELPER_TASK", task, 4096);
+    std::vector<std::wstring> fields;
+    std::wistringstream in(task);
+    for (std::wstring field; std::getline(in, field, L'|');) fields.push_back(field);
+    return fields;
+}
 
 DWORD RunCapture(const std::wstring& commandLine, std::string* output, DWORD timeoutMs) {
     ScratchDir d;

@@ -70,9 +70,12 @@ private:
     uint64_t offset_ = 0;
 };
 
-// Starts a helper program (it joins this test run); the process handle, empty
-// when it can't start.
-kx::unique_handle Spawn(const std::wstring& commandLine, DWORD* pid = nullptr);
+// Starts this test program again as a helper (it joins this test run) that
+// runs only the disabled test `test`, with its task fields given as "a|b|c";
+// the process handle, empty when it can't start.
+kx::unique_handle SpawnHelper(const std::wstring& test, const std::wstring& task, DWORD* pid = nullptr);
+// The task fields of a helper.
+std::vector<std::wstring> HelperTask();
 // Runs a program with stdout and stderr captured (UTF-8 text, lines ending in
 // LF), returns its exit code.
 DWORD RunCapture(const std::wstring& commandLine, std::string* output, DWORD timeoutMs = 300000);

@@ -12,8 +12,6 @@
 #include "KestrixHA/bitmap_catalogue.h"
 #include "bitmap_test_util.h"
 #include "common/unique_resource.h"
-#include "platform/vhd/vhd_disk.h"
-#include "platform/win32_positioned_file.h"
 #include "tools/vhd_destination/vhd_destination.h"
 
 using kx::fixture::SectorBits;
@@ -174,17 +172,12 @@ TEST(VhdDestination, PreparesNewSessionsNewestFirstAndTheirUnionsMatchTheWrites)
 
 TEST(VhdDestination, ADamagedDiskFailsItsSessionAndKeepsTheNewerOnes) {
     OneRoot d;
-    // An extra disk of session 3 whose footer and footer copy are both damaged.
+    // An extra disk of session 3 that is a copy of another one, its footer and
+    // the footer's copy at the start both damaged (the damage the VHD reader
+    // turns away is tabled in the native tests).
     const std::wstring bad = d.dest.SessionFolder(3) + L"\\disk0000000009.zek";
-    {
-        kx::vdisk::Win32FileSystem fs(FILE_SHARE_READ);
-        kx::vhd::CreateParams params;
-        params.size = 4 << 20;
-        std::unique_ptr<kx::vhd::VhdDisk> vhd;
-        ASSERT_EQ(kx::vhd::VhdDisk::Create(fs, kx::vdisk::ToU16(bad), params, &vhd), 0u);
-    }
-    auto bytes = kxtest::ReadBytes(bad);
-    bytes[48] ^= 0x40;                 // current size in the copy at the start
+    auto bytes = kxtest::ReadBytes(d.dest.DiskPath(3, d.added->file));
+    bytes[48] ^= 0x40;                       // current size in the copy at the start
     bytes[bytes.size() - 512 + 48] ^= 0x40;  // and in the footer
     kxtest::WriteBytes(bad, bytes.data(), bytes.size());
 

@@ -24,13 +24,3 @@ TEST(UnicodeIni, StartsWithMarkAndIsReadAsUtf16) {
     ::GetPrivateProfileStringW(L"S", L"K", L"", back, 64, ini.c_str());
     EXPECT_EQ(value, back);
 }
-
-TEST(UnicodeIni, MissingFolderIsNotAnErrorAndNullIs) {
-    ScratchDir d;
-    const std::wstring ini = d / L"no\\such\\rec.ini";
-    kxtest::LogCursor log;
-    EXPECT_EQ(kx::_CreateIniWithUnicodePrefix(ini.c_str()), 0u);
-    EXPECT_FALSE(kxtest::Exists(ini));
-    EXPECT_TRUE(log.Contains(L"_CreateIniWithUnicodePrefix::Create failed, file = " + ini + L", rc = 0"));
-    EXPECT_EQ(kx::_CreateIniWithUnicodePrefix(nullptr), 0x80070057u);
-}

@@ -26,7 +26,7 @@ std::vector<unsigned> Intact(const std::wstring& root) {
 }
 }  // namespace
 
-TEST_F(Vcm, NoFileMeansManualOffAndSessionPathUnchanged) {
+TEST_F(Vcm, NoFileMeansManualOffAndAWrittenFileReadsBack) {
     VCMConfigure c{true, L"junk"};
     ASSERT_EQ(ReadVCMConfigure(&c), 0u);
     EXPECT_FALSE(c.manualVCM);
@@ -35,25 +35,23 @@ TEST_F(Vcm, NoFileMeansManualOffAndSessionPathUnchanged) {
     ASSERT_EQ(MVCM_GetSessionRWFolder(L"E:\\d\\VStore\\S0000000003", rw), 0u);
     EXPECT_EQ(rw, L"E:\\d\\VStore\\S0000000003");
     EXPECT_EQ(ReadVCMConfigure(nullptr), 0x80070057u);
-}
 
-TEST_F(Vcm, WrittenFileIsUtf16WithMarkAndReadsBack) {
+    // A written file is UTF-16 with its mark and reads back.
     const VCMConfigure in{true, L"F:\\idx\\\u00e9t\u00e9"};
     ASSERT_EQ(WriteVCMConfigure(&in), 0u);
     const auto bytes = kxtest::ReadBytes(Ini());
     ASSERT_GE(bytes.size(), 2u);
     EXPECT_TRUE(bytes[0] == 0xFF && bytes[1] == 0xFE);
-    VCMConfigure out{};
-    ASSERT_EQ(ReadVCMConfigure(&out), 0u);
-    EXPECT_TRUE(out.manualVCM);
-    EXPECT_EQ(out.indexFolder, in.indexFolder);
+    ASSERT_EQ(ReadVCMConfigure(&c), 0u);
+    EXPECT_TRUE(c.manualVCM);
+    EXPECT_EQ(c.indexFolder, in.indexFolder);
 
     // Rewriting replaces the section; the folder is only read in manual mode.
     const VCMConfigure off{false, L""};
     ASSERT_EQ(WriteVCMConfigure(&off), 0u);
-    ASSERT_EQ(ReadVCMConfigure(&out), 0u);
-    EXPECT_FALSE(out.manualVCM);
-    EXPECT_EQ(out.indexFolder, L"");
+    ASSERT_EQ(ReadVCMConfigure(&c), 0u);
+    EXPECT_FALSE(c.manualVCM);
+    EXPECT_EQ(c.indexFolder, L"");
 }
 
 TEST_F(Vcm, ManualModeDefaultsAndTranslatesSessionFolders) {

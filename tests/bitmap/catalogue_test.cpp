@@ -92,29 +92,18 @@ TEST(BitmapCatalogue, DeleteAllMarksSessionZero) {
 
 // ---- the union reader over prepared bitmap files -------------------------
 
-// Sessions 1 (full) and 2 with a bitmap of disk0000000001 over 100 sectors.
-TEST(UnionReader, ChainsOfOneAndMissingSessions) {
+// A session of the range without a prepared folder ends the walk; bad
+// arguments. (A walk ending at a full disk is checked on real chains in
+// vhd_destination_test.)
+TEST(UnionReader, MissingSessionsAndBadArguments) {
     ScratchDir d;
-    const std::vector<uint8_t> body{0x15, 0x20, 0x2B, 0x36, 0x41, 0x4C, 0x57, 0x62, 0x6D, 0x78, 0x83, 0x8E, 0x09};
-    for (unsigned n : {1u, 2u}) {
-        kxtest::WriteBackupInfo(d.path() + L"\\VStore\\" + S(n), n, n == 1 ? "Full" : "Incremental");
-        kxtest::MakeDirs(d.path() + L"\\VCM-bitmap\\" + S(n));
-        kxtest::WriteBitmapFile(d.path() + L"\\VCM-bitmap\\" + S(n) + L"\\disk0000000001.Bitmap", 100,
-                                n == 1 ? body : std::vector<uint8_t>(13, 0x0F), n - 1);
-    }
-    auto disk = [&](unsigned n) { return d.path() + L"\\VStore\\" + S(n) + L"\\disk0000000001.zek"; };
-    IDiskBmpReader* r = nullptr;
-    // The disk's own session is full: its bitmap alone, unchanged.
-    ASSERT_EQ(GetBitmapReader_IncsFromFull(disk(1).c_str(), 0, nullptr, &r), 0u);
-    kxtest::Reader full(r);
-    std::vector<uint8_t> raw(DiskBitmapBufferSize(13));
-    auto* b = reinterpret_cast<DiskBitmapBuffer*>(raw.data());
-    ASSERT_EQ(r->GetBitmap(0, 13, b), 0u);
-    EXPECT_TRUE(std::equal(body.begin(), body.end(), b->bitmap));
-
-    // A session in the range without any prepared folder ends the call.
-    ASSERT_EQ(GetBitmapReader_IncsFromFull(disk(4).c_str(), 2, nullptr, &r), 2u);
+    for (unsigned n : {2u, 4u}) kxtest::WriteBackupInfo(d.path() + L"\\VStore\\" + S(n), n, "Incremental");
+    kxtest::MakeDirs(d.path() + L"\\VCM-bitmap\\" + S(4));
+    kxtest::WriteBitmapFile(d.path() + L"\\VCM-bitmap\\" + S(4) + L"\\disk0000000001.Bitmap", 100, std::vector<uint8_t>(13, 0x0F));
+    const std::wstring disk = d.path() + L"\\VStore\\" + S(4) + L"\\disk0000000001.zek";
+    IDiskBmpReader* r = reinterpret_cast<IDiskBmpReader*>(1);
+    EXPECT_EQ(GetBitmapReader_IncsFromFull(disk.c_str(), 2, nullptr, &r), 2u);
     EXPECT_EQ(r, nullptr);
     EXPECT_EQ(GetBitmapReader_IncsFromFull(L"", 0, nullptr, &r), 0x80070057u);
-    EXPECT_EQ(GetBitmapReader_IncsFromFull(disk(2).c_str(), 0, nullptr, nullptr), 0x80070057u);
+    EXPECT_EQ(GetBitmapReader_IncsFromFull(disk.c_str(), 0, nullptr, nullptr), 0x80070057u);
 }

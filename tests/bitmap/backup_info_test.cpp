@@ -5,18 +5,10 @@
 
 using kxtest::ScratchDir;
 
-TEST(BackupInfo, ReadsUtf8AndUtf16AndIgnoresUnknownElements) {
+// UTF-8 descriptions are read by every test over a destination; here UTF-16.
+TEST(BackupInfo, ReadsUtf16AndIgnoresUnknownElements) {
     ScratchDir d;
-    kxtest::WriteBackupInfo(d.path(), 17, "Incremental", "finished");
     kx::platform::BackupInfo info;
-    ASSERT_EQ(kx::platform::ReadBackupInfo(d / L"BackupInfo.XML", &info), 0u);
-    EXPECT_EQ(info.sessionNumber, 17u);
-    EXPECT_EQ(info.backupKind, L"Incremental");
-    EXPECT_EQ(info.sessionGuid, L"{6B0C4D2E-91A7-4F38-B2D5-0C1E7A3F0011}");
-    EXPECT_FALSE(info.encrypted);
-    EXPECT_TRUE(kx::platform::IsSessionValid(d.path()));
-    EXPECT_FALSE(kx::platform::IsFullSession(d.path()));
-
     const std::wstring xml16 =
         L"\xFEFF<?xml version=\"1.0\" encoding=\"utf-16\"?><BackupInfo><Extra><SessionNumber>9</SessionNumber></Extra>"
         L"<SessionNumber> 3 </SessionNumber><SessionGuid>{G}</SessionGuid><BackupKind>Full</BackupKind>"

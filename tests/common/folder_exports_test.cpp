@@ -58,10 +58,8 @@ TEST(GetFileListByPattern, ListsMatchesWithTheirFolder) {
     MakeTree(d.path());
     kxtest::WriteText(d / L"g.bin", "");
     std::vector<std::wstring> files{L"kept"};
-    kxtest::LogCursor log;
     ASSERT_EQ(GetFileListByPattern((d.path() + L"\\*.txt").c_str(), files), 0u);
     EXPECT_EQ(files, (std::vector<std::wstring>{L"kept", d / L"f1.txt"}));
-    EXPECT_TRUE(log.Contains(L"GetFileListByPattern() finished, total file count = [1] rc = [0]"));
 
     // Folders that match are listed too, "." and ".." never.
     files.clear();

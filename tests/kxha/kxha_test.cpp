@@ -57,7 +57,6 @@ TEST(Kxha, CommandsOnADestination) {
     } cases[] = {
         {L"", 2, ""},
         {L"bitmap", 2, ""},
-        {L"lock C:\\x", 2, ""},
         {L"lock C:\\x 5 2", 2, "reversed"},
         {L"bitmap list " + root + L" --json", 0, "\"sessions\": [\"S0000000003\", \"S0000000004\"]"},
         {L"bitmap show " + s4 + L" --json", 0,

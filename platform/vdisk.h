@@ -50,9 +50,6 @@ struct PasswordBlock {
 // Opens a disk file. `access` is GENERIC_READ and/or GENERIC_WRITE, `share`
 // the FILE_SHARE_* bits; the password block may be null. 0 and a disk, or
 // the failing code.
-using OpenFn = DWORD (*)(const wchar_t* path, DWORD access, DWORD share, const PasswordBlock* password,
-                         std::unique_ptr<IVDisk>* disk);
-
 DWORD CreateVHDFileEx(const wchar_t* path, DWORD access, DWORD share, const PasswordBlock* password,
                       std::unique_ptr<IVDisk>* disk);
 
@@ -62,10 +59,5 @@ DWORD CreateVHDFileEx(const wchar_t* path, DWORD access, DWORD share, const Pass
 // by a path relative to its own folder and by its absolute path.
 DWORD CreateVhd(const wchar_t* path, DWORD type, ULONGLONG bytes, const wchar_t* parent,
                 std::unique_ptr<IVDisk>* disk);
-
-namespace testing {
-// Replaces the opener behind CreateVHDFileEx (nullptr restores the default).
-void SetOpener(OpenFn open) noexcept;
-}  // namespace testing
 
 }  // namespace kx::vdisk

@@ -13,15 +13,7 @@ namespace {
 using kx::vhd::Status;
 
 Status FromErrno(int e) {
-    switch (e) {
-        case ENOENT: return kx::vhd::kFileNotFound;
-        case ENOTDIR: return 3;  // path not found
-        case EACCES: case EPERM: case EBADF: return kx::vhd::kAccessDenied;
-        case EEXIST: return kx::vhd::kFileExists;
-        case ENOMEM: return kx::vhd::kOutOfMemory;
-        case EROFS: return kx::vhd::kWriteProtect;
-        default: return kx::vhd::kInvalidParameter;
-    }
+    return e == ENOENT || e == ENOTDIR ? kx::vhd::kFileNotFound : e == EEXIST ? kx::vhd::kFileExists : kx::vhd::kAccessDenied;
 }
 
 class PosixFile : public kx::vhd::PositionedFile {

@@ -9,18 +9,18 @@ TEST(VhdChain, ParentIsFoundAfterTheChainMoves) {
     ScratchDir dir;
     fs::create_directories(dir.path() / "old/a");
     fs::create_directories(dir.path() / "old/b");
-    const Model model = MakeChain(dir / "old/a/base.vhd", dir / "old/b/mid.vhd", dir / "old/b/top.vhd",
+    const Bytes model = MakeChain(dir / "old/a/base.vhd", dir / "old/b/mid.vhd", dir / "old/b/top.vhd",
                                   DiskType::kFixed);
     std::unique_ptr<VhdDisk> top;
     ASSERT_EQ(OpenPosix(dir / "old/b/top.vhd", false, &top), 0u);
     ASSERT_EQ(top->Parent()->Parent()->Type(), DiskType::kFixed);
     EXPECT_EQ(top->Parent()->Parent()->Parent(), nullptr);
-    EXPECT_EQ(ReadAll(*top), model.data);  // through every level
+    EXPECT_EQ(ReadAll(*top), model);  // through every level
 
     // Moved as a whole: only the relative locators still lead anywhere.
     fs::rename(dir.path() / "old", dir.path() / "new");
     ASSERT_EQ(OpenPosix(dir / "new/b/top.vhd", false, &top), 0u);
-    EXPECT_EQ(ReadAll(*top), model.data);
+    EXPECT_EQ(ReadAll(*top), model);
 
     // The top moved alone: every locator now leads nowhere.
     fs::rename(dir.path() / "new/b/top.vhd", dir.path() / "top.vhd");
@@ -31,7 +31,7 @@ TEST(VhdChain, ParentIsFoundAfterTheChainMoves) {
     // the name in mid's header.
     fs::rename(dir.path() / "new/a/base.vhd", dir.path() / "new/b/base.vhd");
     ASSERT_EQ(OpenPosix(dir / "new/b/top.vhd", false, &top), 0u);
-    EXPECT_EQ(ReadAll(*top), model.data);
+    EXPECT_EQ(ReadAll(*top), model);
 }
 
 TEST(VhdChain, BrokenChainsGiveTheirCodes) {
@@ -40,10 +40,8 @@ TEST(VhdChain, BrokenChainsGiveTheirCodes) {
     std::unique_ptr<VhdDisk> disk;
     const Bytes base = ReadFile(dir / "base.vhd"), top = ReadFile(dir / "top.vhd");
 
-    fs::remove(dir.path() / "base.vhd");
-    EXPECT_EQ(OpenPosix(dir / "top.vhd", false, &disk), kx::vhd::kParentNotFound);
-
     // Another disk of the same size under the parent's name.
+    fs::remove(dir.path() / "base.vhd");
     const uint64_t size = GetRaw<kx::vhd::RawFooter>(base, base.size() - kSector).currentSize.get();
     ASSERT_EQ(CreatePosix(dir / "base.vhd", DiskType::kDynamic, size, &disk), 0u);
     EXPECT_EQ(OpenPosix(dir / "top.vhd", false, &disk), kx::vhd::kChildParentIdMismatch);
@@ -54,12 +52,6 @@ TEST(VhdChain, BrokenChainsGiveTheirCodes) {
         EditRaw<kx::vhd::RawFooter>(resized, at, [&](kx::vhd::RawFooter& f) { f.currentSize.set(size - kSector); });
     WriteFile(dir / "base.vhd", resized);
     EXPECT_EQ(OpenPosix(dir / "top.vhd", false, &disk), kx::vhd::kChildParentSizeMismatch);
-
-    // A parent that is damaged.
-    Bytes damaged = base;
-    damaged[512] ^= 1;
-    WriteFile(dir / "base.vhd", damaged);
-    EXPECT_EQ(OpenPosix(dir / "top.vhd", false, &disk), kx::vhd::kSparseHeaderCorrupt);
 
     // A loop: top's grandparent is top itself.
     WriteFile(dir / "base.vhd", top);
@@ -74,7 +66,7 @@ TEST(VhdChain, StaleCopyAtTheRelativeLocationIsPassedOver) {
     ScratchDir dir;
     fs::create_directories(dir.path() / "x");
     fs::create_directories(dir.path() / "y");
-    const Model model = MakeChain(dir / "base.vhd", dir / "mid.vhd", dir / "x/p.vhd", DiskType::kDynamic);
+    const Bytes model = MakeChain(dir / "base.vhd", dir / "mid.vhd", dir / "x/p.vhd", DiskType::kDynamic);
     std::unique_ptr<VhdDisk> disk;
     ASSERT_EQ(CreatePosix(dir / "y/c.vhd", DiskType::kDifferencing, 0, &disk, dir / "x/p.vhd"), 0u);
 
@@ -85,7 +77,7 @@ TEST(VhdChain, StaleCopyAtTheRelativeLocationIsPassedOver) {
     ASSERT_EQ(CreatePosix(dir / "z/x/p.vhd", DiskType::kDifferencing, 0, &disk, dir / "mid.vhd"), 0u);
     disk.reset();
     ASSERT_EQ(OpenPosix(dir / "z/y/c.vhd", false, &disk), 0u);
-    EXPECT_EQ(ReadAll(*disk), model.data);
+    EXPECT_EQ(ReadAll(*disk), model);
 }
 
 }  // namespace

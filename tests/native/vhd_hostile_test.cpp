@@ -20,17 +20,17 @@ constexpr size_t kHeader = 512;
 struct Images {
     Images() {
         std::unique_ptr<VhdDisk> disk;
-        EXPECT_EQ(VhdDisk::Create(mem, u"/f.vhd", Params(DiskType::kFixed, kDiskSize, 4096), &disk), 0u);
-        EXPECT_EQ(VhdDisk::Create(mem, u"/d.vhd", Params(DiskType::kDynamic, kDiskSize, 4096), &disk), 0u);
-        Model m(kDiskSize);
+        EXPECT_EQ(VhdDisk::Create(mem, u"/f.vhd", {DiskType::kFixed, kDiskSize, 4096, {}}, &disk), 0u);
+        EXPECT_EQ(VhdDisk::Create(mem, u"/d.vhd", {DiskType::kDynamic, kDiskSize, 4096, {}}, &disk), 0u);
+        Bytes m(kDiskSize);
         WriteBoth(*disk, m, 0, 4, 1);
         WriteBoth(*disk, m, 24, 8, 1);
         WriteBoth(*disk, m, 127, 1, 1);
-        expectedDynamic = m.data;
-        EXPECT_EQ(VhdDisk::Create(mem, u"/c.vhd", Params(DiskType::kDifferencing, 0, 4096, u"/d.vhd"), &disk), 0u);
+        expectedDynamic = m;
+        EXPECT_EQ(VhdDisk::Create(mem, u"/c.vhd", {DiskType::kDifferencing, 0, 4096, u"/d.vhd"}, &disk), 0u);
         WriteBoth(*disk, m, 40, 2, 2);
         disk.reset();
-        expectedChild = m.data;
+        expectedChild = m;
         fixed = mem.Get(u"/f.vhd");
         dynamic = mem.Get(u"/d.vhd");
         child = mem.Get(u"/c.vhd");
@@ -38,10 +38,6 @@ struct Images {
     Status Open(const std::u16string& path, const Bytes& bytes, std::unique_ptr<VhdDisk>* disk) {
         mem.Put(path, bytes);
         return OpenMem(mem, path, disk);
-    }
-    const Bytes& Expected(char image) const {
-        static const Bytes zeros(kDiskSize);
-        return image == 'f' ? zeros : image == 'd' ? expectedDynamic : expectedChild;
     }
     Mem mem;
     Bytes fixed, dynamic, child, expectedDynamic, expectedChild;
@@ -77,21 +73,12 @@ TEST(VhdHostile, DamagedImagesGiveTheirCodes) {
     };
     auto entry = [](size_t i) { return [=](const Bytes& b) { return BatEntry(b, Table(b), i); }; };
     const uint64_t huge = v::kMaxDiskSize;
-    auto absurd = [&](uint64_t entries) {
-        return [=](Bytes& b) {
-            footer(Set(&F::currentSize, huge))(b);
-            header(Set(&H::maxTableEntries, entries))(b);
-        };
-    };
-    auto geometry = footer([](F& f) { f.cylinders.set(1), f.heads = 1, f.sectorsPerTrack = 1; });
     const std::vector<Case> cases = {
         {"Empty", 'd', [](Bytes& b) { b.clear(); }, v::kFooterMissing},
-        {"ShorterThanAFooter", 'd', [](Bytes& b) { b.resize(100); }, v::kFooterMissing},
         {"NoCookie", 'd', [](Bytes& b) { EditFooters(b, [](F& f) { f.cookie[0] = 'X'; }, false); }, v::kFooterMissing},
         {"BadChecksum", 'd', [](Bytes& b) { EditFooters(b, [](F& f) { f.checksum.bytes[0] ^= 1; }, false); },
          v::kFooterChecksumMismatch},
         {"FixedNoCookie", 'f', [](Bytes& b) { b[b.size() - kSector] = 'X'; }, v::kFooterMissing},
-        {"FixedBadChecksum", 'f', [](Bytes& b) { b[b.size() - 1] ^= 1; }, v::kFooterChecksumMismatch},
         {"Version2", 'd', footer(Set(&F::version, 0x00020000)), v::kFormatUnsupportedVersion},
         {"Type1", 'd', footer(Set(&F::diskType, 1)), v::kInvalidType},
         {"Type5", 'd', footer(Set(&F::diskType, 5)), v::kInvalidType},
@@ -107,24 +94,25 @@ TEST(VhdHostile, DamagedImagesGiveTheirCodes) {
         {"HeaderVersion", 'd', header(Set(&H::version, 0x00020000)), v::kSparseHeaderUnsupportedVersion},
         {"BlockSizeZero", 'd', header(Set(&H::blockSize, 0)), v::kInvalidBlockSize},
         {"BlockSizeOdd", 'd', header(Set(&H::blockSize, 6144)), v::kInvalidBlockSize},
-        {"BlockSizeSmall", 'd', header(Set(&H::blockSize, 2048)), v::kInvalidBlockSize},
         {"BlockSizeHuge", 'd', header(Set(&H::blockSize, 512u << 20)), v::kInvalidBlockSize},
         {"TooFewEntries", 'd', header(Set(&H::maxTableEntries, 15)), v::kBlockAllocationTableCorrupt},
         {"TableAtZero", 'd', header(Set(&H::tableOffset, 0)), v::kBlockAllocationTableCorrupt},
         {"TablePastEnd", 'd', header(Set(&H::tableOffset, 1ull << 40)), v::kBlockAllocationTableCorrupt},
         {"TableRunsPastEnd", 'd', [&](Bytes& b) { header(Set(&H::tableOffset, b.size() - kSector - 32))(b); }, v::kBlockAllocationTableCorrupt},
         {"EntryPastEnd", 'd', batEntry(1, [](const Bytes&) { return 0x10000u; }), v::kBlockAllocationTableCorrupt},
-        // Block 0 moved over the header, or over the table, clear of other blocks.
-        {"EntryInHeader", 'd', batEntry(0, [](const Bytes&) { return 1u; }), v::kBlockAllocationTableCorrupt},
+        // Block 0 moved over the table (past the header), clear of other blocks.
         {"EntryOverTable", 'd', batEntry(0, [](const Bytes&) { return 3u; }), v::kBlockAllocationTableCorrupt},
         {"EntryIntoFooter", 'd', batEntry(15, [&](const Bytes& b) { return entry(15)(b) + 1; }),
          v::kBlockAllocationTableCorrupt},
         {"EntriesOverlap", 'd', batEntry(1, [&](const Bytes& b) { return entry(0)(b) + 8; }),
          v::kBlockAllocationTableCorrupt},
-        {"EntriesShared", 'd', batEntry(15, entry(3)), v::kBlockAllocationTableCorrupt},
-        // Sizes whose tables would be gigabytes: refused before any allocation.
-        {"AbsurdSizeSmallBlocks", 'd', absurd(huge / 4096), v::kBlockAllocationTableCorrupt},
-        {"AbsurdSizeAbsurdTable", 'd', absurd(~0u), v::kBlockAllocationTableCorrupt},
+        // A size whose table would be gigabytes: refused before any allocation.
+        {"AbsurdSize", 'd',
+         [&](Bytes& b) {
+             footer(Set(&F::currentSize, huge))(b);
+             header(Set(&H::maxTableEntries, huge / 4096))(b);
+         },
+         v::kBlockAllocationTableCorrupt},
         {"LocatorTooLong", 'c', header([](H& h) { h.locators[0].dataLength.set(0x7FFFFFFF); }), v::kSparseHeaderCorrupt},
         {"LocatorPastEnd", 'c', header([](H& h) { h.locators[0].dataOffset.set(1ull << 40); }), v::kSparseHeaderCorrupt},
         {"LocatorOffsetWraps", 'c', header([](H& h) { h.locators[0].dataOffset.set(~0ull - 4); }), v::kSparseHeaderCorrupt},
@@ -136,10 +124,8 @@ TEST(VhdHostile, DamagedImagesGiveTheirCodes) {
          v::kParentNotFound},
         // Recoverable: the size is the footer's current size, never the
         // product of the geometry (which may be anything in a foreign file);
-        // the trailing footer lost or cut off while the front copy remains.
-        {"GeometryIgnored", 'd', geometry, 0},
-        {"FixedGeometryIgnored", 'f', geometry, 0},
-        {"TrailingFooterLost", 'd', [](Bytes& b) { b[b.size() - kSector] = 'X'; }, 0},
+        // the trailing footer cut off while the front copy remains.
+        {"GeometryIgnored", 'd', footer([](F& f) { f.cylinders.set(1), f.heads = 1, f.sectorsPerTrack = 1; }), 0},
         {"TrailingFooterCutOff", 'd', [](Bytes& b) { b.resize(b.size() - kSector); }, 0},
     };
     Images img;
@@ -148,7 +134,7 @@ TEST(VhdHostile, DamagedImagesGiveTheirCodes) {
         c.edit(b);
         std::unique_ptr<VhdDisk> disk;
         ASSERT_EQ(img.Open(u"/x/case.vhd", b, &disk), c.expected) << c.name;
-        if (c.expected == 0) EXPECT_EQ(ReadAll(*disk), img.Expected(c.image)) << c.name;
+        if (c.expected == 0) EXPECT_EQ(ReadAll(*disk), img.expectedDynamic) << c.name;
     }
 }
 
@@ -175,31 +161,27 @@ TEST(VhdHostile, SingleByteDamageNeverCrashes) {
     }
 }
 
-// A failing file: every failure comes through as the file reported it.
+// A failing file: every failure comes through as the file reported it,
+// while opening a child and its parent and while reading through both.
 TEST(VhdHostile, ReadFailuresComeThrough) {
     Images img;
-    for (const std::u16string path : {u"/f.vhd", u"/c.vhd"}) {
-        for (long allowed = 0;; ++allowed) {
-            std::unique_ptr<VhdDisk> disk;
-            img.mem.readsLeft = allowed;
-            const Status s = OpenMem(img.mem, path, &disk);
-            img.mem.readsLeft = -1;
-            if (s == 0) break;
-            ASSERT_EQ(s, Mem::kIoFault) << allowed;
-            ASSERT_LT(allowed, 50);
-        }
-        std::unique_ptr<VhdDisk> disk;
-        ASSERT_EQ(img.Open(path, img.mem.Get(path), &disk), 0u);
-        Bytes all(disk->Size());
-        uint8_t bits[16];
-        uint64_t aligned, valid;
-        img.mem.readsLeft = 0;
-        EXPECT_EQ(disk->Read(0, static_cast<uint32_t>(disk->SectorCount()), all.data()), Mem::kIoFault);
-        if (disk->Type() != DiskType::kFixed)
-            EXPECT_EQ(disk->GetBitmap(40, sizeof bits, &aligned, &valid, bits), Mem::kIoFault);
+    std::unique_ptr<VhdDisk> disk;
+    for (long allowed = 0;; ++allowed) {
+        img.mem.readsLeft = allowed;
+        const Status s = OpenMem(img.mem, u"/c.vhd", &disk);
         img.mem.readsLeft = -1;
-        EXPECT_EQ(ReadAll(*disk), img.Expected(path == u"/f.vhd" ? 'f' : 'c'));
+        if (s == 0) break;
+        ASSERT_EQ(s, Mem::kIoFault) << allowed;
+        ASSERT_LT(allowed, 50);
     }
+    Bytes all(disk->Size());
+    uint8_t bits[16];
+    uint64_t aligned, valid;
+    img.mem.readsLeft = 0;
+    EXPECT_EQ(disk->Read(0, static_cast<uint32_t>(disk->SectorCount()), all.data()), Mem::kIoFault);
+    EXPECT_EQ(disk->GetBitmap(40, sizeof bits, &aligned, &valid, bits), Mem::kIoFault);
+    img.mem.readsLeft = -1;
+    EXPECT_EQ(ReadAll(*disk), img.expectedChild);
 }
 
 }  // namespace

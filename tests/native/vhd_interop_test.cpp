@@ -67,8 +67,7 @@ TEST(VhdInterop, QemuImagesReadIdentically) {
     }
 }
 
-// Images made here read back in qemu as they read here, and qemu's writes
-// into them read back here.
+// Images made here read back in qemu as they read here.
 TEST(VhdInterop, OurImagesReadIdenticallyInQemu) {
     RequireQemu();
     ScratchDir dir;
@@ -77,7 +76,7 @@ TEST(VhdInterop, OurImagesReadIdenticallyInQemu) {
         const uint64_t size = 5 * kMiB + 77 * kSector;
         std::unique_ptr<VhdDisk> disk;
         ASSERT_EQ(CreatePosix(image, type, size, &disk), 0u);
-        Model model(size);
+        Bytes model(size);
         uint32_t seed = 5;
         for (auto [first, count] : EdgeWrites(4096, size / kSector)) WriteBoth(*disk, model, first, count, seed++);
         disk.reset();
@@ -86,13 +85,7 @@ TEST(VhdInterop, OurImagesReadIdenticallyInQemu) {
         const int rc = RunCommand("qemu-img check " + Qemu(image), &out);
         if (out.find("does not support checks") == std::string::npos) EXPECT_EQ(rc, 0) << out;
         EXPECT_EQ(QemuVirtualSize(image), size);
-        EXPECT_EQ(QemuRaw(image, dir / "q.raw"), model.data);
-
-        QemuWrite(image, {{0x66, 3 * kMiB + 512, 1024}, {0x77, 0, 512}, {0x78, size - 4096, 4096}});
-        const Bytes raw = QemuRaw(image, dir / "q.raw");
-        ASSERT_EQ(OpenPosix(image, false, &disk), 0u);
-        EXPECT_EQ(ReadAll(*disk), raw);
-        EXPECT_EQ(raw[3 * kMiB + 512], 0x66);
+        EXPECT_EQ(QemuRaw(image, dir / "q.raw"), model);
     }
 }
 
@@ -106,11 +99,11 @@ TEST(VhdInterop, OurChainsReadIdenticallyInLibvhdi) {
     for (DiskType type : {DiskType::kFixed, DiskType::kDynamic}) {
         const std::vector<std::string> chain = {dir / "sub/top.vhd", dir / "mid.vhd", dir / "base.vhd"};
         for (const auto& image : chain) fs::remove(image);
-        const Model model = MakeChain(chain[2], chain[1], chain[0], type);
+        const Bytes model = MakeChain(chain[2], chain[1], chain[0], type);
         std::string cmd = std::string(kPython) + " " KX_NATIVE_DIR "/vhdi_read.py " + (dir / "vhdi.raw"), out;
         for (const auto& image : chain) cmd += " " + image;
         ASSERT_EQ(RunCommand(cmd, &out), 0) << out;
-        EXPECT_EQ(ReadFile(dir / "vhdi.raw"), model.data) << static_cast<int>(type);
+        EXPECT_EQ(ReadFile(dir / "vhdi.raw"), model) << static_cast<int>(type);
     }
 }
 

@@ -91,21 +91,18 @@ void Walk(const Hive& hive, Fn&& fn) {
     }
 }
 
-// Every key and value in the dump format of hive_tool.py, sorted; `values`
-// counts the values.
-inline std::vector<std::string> Dump(const Hive& hive, size_t* values = nullptr) {
+// Every key and value in the dump format of hive_tool.py, sorted.
+inline std::vector<std::string> Dump(const Hive& hive) {
     std::vector<std::string> lines;
-    size_t count = 0;
     Walk(hive, [&](Key key, const std::string& path) {
         lines.push_back("K\t" + path);
         std::u16string name;
         kx::regf::Value v;
-        for (uint32_t i = 0; hive.EnumValue(key, i, &name, &v) == kx::regf::kOk; ++i, ++count)
+        for (uint32_t i = 0; hive.EnumValue(key, i, &name, &v) == kx::regf::kOk; ++i)
             lines.push_back("V\t" + path + "\t" + Utf8(name) + "\t" + std::to_string(v.type) + "\t" +
                             Hex(v.data.data(), v.data.size()));
     });
     std::sort(lines.begin(), lines.end());
-    if (values) *values = count;
     return lines;
 }
 

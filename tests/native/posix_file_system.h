@@ -29,13 +29,7 @@ inline std::string ToUtf8(const std::u16string& path) {
     }
 }
 
-inline std::u16string FromUtf8(const std::string& path) {
-    try {
-        return std::filesystem::path(path).u16string();
-    } catch (const std::exception&) {
-        return {};
-    }
-}
+inline std::u16string FromUtf8(const std::string& path) { return std::filesystem::path(path).u16string(); }
 
 inline kx::vhd::Status FromErrno(int e) {
     return e == ENOENT || e == ENOTDIR ? kx::vhd::kFileNotFound : e == EEXIST ? kx::vhd::kFileExists : kx::vhd::kAccessDenied;

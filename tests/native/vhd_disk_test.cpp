@@ -27,14 +27,13 @@ TEST(VhdCreate, RejectsBadRequestsAndLeavesNoFile) {
     kxnative::MemoryFileSystem mem;
     mem.Put(u"/junk.vhd", Bytes(4096, 0x5A));
     std::unique_ptr<VhdDisk> disk;
-    const uint32_t bs = kx::vhd::kDefaultBlockSize;
     struct Case { kx::vhd::CreateParams params; Status expected; };
     std::vector<Case> cases = {
         {{.type = DiskType::kDynamic, .size = 0}, kx::vhd::kInvalidSize},
         {{.type = DiskType::kFixed, .size = kx::vhd::kMaxDiskSize + 1}, kx::vhd::kInvalidSize},
         {{.type = static_cast<DiskType>(5), .size = kMiB}, kx::vhd::kInvalidParameter},
-        {{DiskType::kDifferencing, 0, bs, u"/missing.vhd"}, kx::vhd::kParentNotFound},
-        {{DiskType::kDifferencing, 0, bs, u"/junk.vhd"}, kx::vhd::kFooterMissing},
+        {{.type = DiskType::kDifferencing, .parentPath = u"/missing.vhd"}, kx::vhd::kParentNotFound},
+        {{.type = DiskType::kDifferencing, .parentPath = u"/junk.vhd"}, kx::vhd::kFooterMissing},
     };
     for (uint32_t bad : {0u, 2048u, 3000u, 3u * 4096, 512u << 20})
         cases.push_back({{DiskType::kDynamic, kMiB, bad, {}}, kx::vhd::kInvalidParameter});
@@ -306,9 +305,8 @@ struct Images {
         EXPECT_EQ(VhdDisk::Create(mem, u"/f.vhd", {DiskType::kFixed, kDiskSize, 4096, {}}, &disk), 0u);
         EXPECT_EQ(VhdDisk::Create(mem, u"/d.vhd", {DiskType::kDynamic, kDiskSize, 4096, {}}, &disk), 0u);
         Bytes m(kDiskSize);
-        WriteBoth(*disk, m, 0, 4, 1);
-        WriteBoth(*disk, m, 24, 8, 1);
-        WriteBoth(*disk, m, 127, 1, 1);
+        for (auto [first, count] : {std::pair<uint64_t, uint32_t>{0, 4}, {24, 8}, {127, 1}})
+            WriteBoth(*disk, m, first, count, 1);
         expectedDynamic = m;
         EXPECT_EQ(VhdDisk::Create(mem, u"/c.vhd", {DiskType::kDifferencing, 0, 4096, u"/d.vhd"}, &disk), 0u);
         WriteBoth(*disk, m, 40, 2, 2);
@@ -467,10 +465,6 @@ TEST(VhdHostile, ReadFailuresComeThrough) {
 // The Python that has the libvhdi binding (a python3 earlier on PATH may not).
 constexpr const char* kPython = "/usr/bin/python3";
 
-void RequireQemu() {
-    if (!HaveTool("qemu-img") || !HaveTool("qemu-io")) GTEST_SKIP() << "qemu-img/qemu-io not installed";
-}
-
 // qemu sizes a VHD from its CHS geometry unless its creator is one known to
 // use the footer's current size; told to, it uses the current size too.
 std::string Qemu(const std::string& image) {
@@ -492,7 +486,7 @@ Bytes QemuRaw(const std::string& image, const std::string& raw) {
 
 // Images qemu makes and writes read back here as qemu reads them.
 TEST(VhdInterop, QemuImagesReadIdentically) {
-    RequireQemu();
+    if (RunCommand("command -v qemu-img && command -v qemu-io") != 0) GTEST_SKIP() << "qemu-img/qemu-io not installed";
     ScratchDir dir;
     for (const char* options : {"subformat=fixed", "subformat=dynamic", "subformat=fixed,force_size=on",
                                 "subformat=dynamic,force_size=on"}) {

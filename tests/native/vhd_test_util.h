@@ -72,8 +72,6 @@ inline int RunCommand(const std::string& cmd, std::string* output = nullptr) {
     return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
 }
 
-inline bool HaveTool(const std::string& name) { return RunCommand("command -v " + name + " >/dev/null") == 0; }
-
 // A sector's worth of bytes that differ per seed and per sector.
 inline void FillSector(uint32_t seed, uint64_t sector, uint8_t* out) {
     uint64_t x = (sector + 1) * 0x9E3779B97F4A7C15ull ^ (uint64_t{seed} << 32 | seed);

@@ -10,9 +10,5 @@ for path in sys.argv[2:]:
     files[-1].open(path)
 for child, parent in reversed(list(zip(files, files[1:]))):  # linked from the root of the chain up
     child.set_parent(parent)
-size = files[0].get_media_size()
-data = files[0].read_buffer_at_offset(size, 0)
-if len(data) != size:
-    sys.exit("short read")
 with open(sys.argv[1], "wb") as o:
-    o.write(data)
+    o.write(files[0].read_buffer_at_offset(files[0].get_media_size(), 0))

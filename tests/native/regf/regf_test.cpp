@@ -14,9 +14,7 @@
 #include "vhd_test_util.h"
 
 using namespace kx::regf;
-using vhdtest::Bytes;
-using vhdtest::ReadFile;
-using vhdtest::WriteFile;
+using namespace vhdtest;
 
 namespace {
 
@@ -53,13 +51,7 @@ Result OpenBytes(kxnative::MemoryFileSystem& fs, const Bytes& bytes, std::unique
     return Hive::Open(std::move(file), options, hive);
 }
 
-std::string Utf8(const std::u16string& s) {
-    try {
-        return std::filesystem::path(s).string();
-    } catch (const std::exception&) {
-        return "\xEF\xBF\xBD";  // a damaged name
-    }
-}
+std::string Utf8(const std::u16string& s) { return kxnative::ToUtf8(s); }  // a damaged name is empty
 
 std::string Hex(const void* data, size_t n) {
     static const char digits[] = "0123456789abcdef";
@@ -122,10 +114,6 @@ Bytes Utf16z(const std::u16string& s) {
     out.insert(out.end(), {0, 0});
     return out;
 }
-template <class T>
-Bytes Raw(T v) {
-    return Bytes(reinterpret_cast<const uint8_t*>(&v), reinterpret_cast<const uint8_t*>(&v + 1));
-}
 std::string Name(const std::string& path) { return std::filesystem::path(path).filename().string(); }
 
 // Has hivex and the named readers compare the hive the engine wrote to
@@ -163,12 +151,12 @@ TEST(RegfOracle, EngineWrittenHivesReadByAllReaders) {
             std::u16string name = u"bin" + std::u16string(1, char16_t(u'a' + n % 26)) + char16_t(u'0' + n % 10);
             ASSERT_EQ(kOk, hive->SetValue(soft, name + char16_t(u'0' + n % 7), kRegBinary, data.data(), n));
         }
-        const Bytes sz = Utf16z(u"C:\\Program Files\\Kestrix"), dw = Raw(0xDEADBEEFu), big(50000, 0x5A);
+        const Bytes sz = Utf16z(u"C:\\Program Files\\Kestrix"), dw = {0xEF, 0xBE, 0xAD, 0xDE}, big(50000, 0x5A);
         EXPECT_TRUE(sz == EncodeString(u"C:\\Program Files\\Kestrix"));
         struct Set { std::u16string name; uint32_t type; Bytes data; };
         for (const Set& s : std::vector<Set>{
                  {u"Dword", kRegDword, dw},
-                 {u"Qword", kRegQword, Raw(0x0123456789ABCDEFull)},
+                 {u"Qword", kRegQword, {0xEF, 0xCD, 0xAB, 0x89, 0x67, 0x45, 0x23, 0x01}},
                  {u"Path", kRegSz, sz},
                  {u"Expand", kRegExpandSz, Utf16z(u"%SystemRoot%\\system32")},
                  {u"Multi", kRegMultiSz, EncodeMultiString({u"one", u"two", u"three"})},
@@ -203,22 +191,18 @@ TEST(RegfOracle, EngineWrittenHivesReadByAllReaders) {
 // touch are unchanged), and the same in the other readers; the header's
 // sequence numbers, checksum and length are right.
 TEST(RegfOracle, HivexHivesReadAndEditedIdentically) {
-    struct Case {
-        std::string path;
-        const char* readers;  // regfexport is slow on large hives and rejects
-                              // hivex's single-cell big values in 1.4+ hives
-    };
-    for (const Case& c : {Case{SmallFixture(3), "reglookup regfexport"}, Case{SmallFixture(5), "reglookup"},
-                          Case{SoftwareFixture(), "reglookup"}}) {
-        ASSERT_FALSE(c.path.empty());
-        const Bytes original = ReadFile(c.path);
+    // regfexport is slow on large hives and rejects hivex's single-cell big values in 1.4+ hives.
+    for (const auto& [path, readers] : std::vector<std::pair<std::string, const char*>>{
+             {SmallFixture(3), "reglookup regfexport"}, {SmallFixture(5), "reglookup"}, {SoftwareFixture(), "reglookup"}}) {
+        ASSERT_FALSE(path.empty());
+        const Bytes original = ReadFile(path);
         kxnative::MemoryFileSystem fs;
         std::unique_ptr<Hive> hive;
         ASSERT_EQ(kOk, OpenBytes(fs, original, &hive));
         const std::vector<std::string> before = Dump(*hive);
         std::string theirs;
-        ASSERT_EQ(0, Tool("dump " + c.path, &theirs));
-        EXPECT_TRUE(Join(before) == theirs) << c.path;
+        ASSERT_EQ(0, Tool("dump " + path, &theirs));
+        EXPECT_TRUE(Join(before) == theirs) << path;
 
         // Every 7th key gets a value, the first keys a new subkey.
         std::set<std::string> expected(before.begin(), before.end());
@@ -234,17 +218,17 @@ TEST(RegfOracle, HivexHivesReadAndEditedIdentically) {
             ASSERT_EQ(kOk, hive->CreateKey(keys[i].first, u"KxNew", &k));
             expected.insert("K\t" + keys[i].second + "\\KxNew");
         }
-        const std::string path = CommitToFile(*hive, fs, "edited-" + Name(c.path));
+        const std::string edited = CommitToFile(*hive, fs, "edited-" + Name(path));
         const Bytes after = fs.Get(u"h");
         EXPECT_EQ(Le32(after, 4), Le32(after, 8));
         EXPECT_EQ(Le32(after, 4), Le32(original, 4) + 1);
         EXPECT_EQ(Le32(after, 508), Checksum(after));
         EXPECT_EQ(after.size() - 4096, Le32(after, 40));
         theirs.clear();
-        ASSERT_EQ(0, Tool("dump " + path, &theirs));
-        EXPECT_TRUE(theirs == Join(expected)) << path;
+        ASSERT_EQ(0, Tool("dump " + edited, &theirs));
+        EXPECT_TRUE(theirs == Join(expected)) << edited;
         EXPECT_LT(hive->Stats().bytesWritten, after.size());
-        CheckWithReaders(*hive, path, c.readers);
+        CheckWithReaders(*hive, edited, readers);
     }
 }
 
@@ -396,9 +380,8 @@ TEST(RegfHostile, HandMadeIndexKindsEditedAndReadBack) {
     std::u16string name;
     for (uint32_t i = 0; hive->EnumSubkey(hive->Root(), i, &name) == kOk; ++i) names.push_back(Utf8(name));
     EXPECT_EQ((std::vector<std::string>{"aaa", "apple", "banana", "Date", "elder", "fig"}), names);
-    ASSERT_EQ(kOk, hive->Commit());
-    std::string path = Temp("hand-lists.hive"), theirs;
-    WriteFile(path, fs.Get(u"h"));
+    const std::string path = CommitToFile(*hive, fs, "hand-lists.hive");
+    std::string theirs;
     ASSERT_EQ(0, Tool("dump " + path, &theirs));
     EXPECT_EQ("K\t\nK\tDate\nK\taaa\nK\tapple\nK\tbanana\nK\telder\nK\tfig\n", theirs);
     // The root's descriptor counts the keys that share it.
@@ -409,10 +392,8 @@ TEST(RegfHostile, ByteFlipSweep) {
     Bytes good = ReadFile(SmallFixture(5));
     ASSERT_GT(good.size(), 8192u);
     size_t stride = std::max<size_t>(1, (good.size() - 512) / 600);
-    std::vector<size_t> offsets;
-    for (size_t i = 0; i < 512; ++i) offsets.push_back(i);
-    for (size_t i = 4096; i < good.size(); i += stride) offsets.push_back(i);
-    for (size_t off : offsets) {
+    // The base block's first 512 bytes one by one, then the bins at a stride.
+    for (size_t off = 0; off < good.size(); off = off + 1 == 512 ? 4096 : off < 512 ? off + 1 : off + stride) {
         Bytes bad = good;
         bad[off] ^= uint8_t(0x80 >> (off % 8)) | 0x01;
         kxnative::MemoryFileSystem fs;

@@ -185,9 +185,7 @@ def check(path, engine_dump, readers):
             if got is None or got[:len(want)] != want[:len(got)]:
                 found.append('%s differs at %r\\%r: %r' % (name, k, n, got and tuple(str(g)[:60] for g in got)))
         bad += found[:5]
-    print('oracle keys=%d hivex_values=%d%s' % (len(keys), len(values), counts))
-    for b in bad:
-        print(b)
+    print('\n'.join(['oracle keys=%d hivex_values=%d%s' % (len(keys), len(values), counts)] + bad))
     return 1 if bad else 0
 
 

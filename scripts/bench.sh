@@ -62,7 +62,7 @@ regf_bench() {
     mv "$hive.part" "$hive"
   fi
   clang++ -std=c++20 -O2 -DNDEBUG -I"$root" -I"$root/tests/native" -o "$work/regf_bench" \
-    "$root/bench/native/regf_bench.cpp" "$root"/platform/regf/*.cpp "$root/tests/native/posix_file_system.cpp"
+    "$root/bench/native/regf_bench.cpp" "$root"/platform/regf/*.cpp
   "$work/regf_bench" "$hive" "$root/tests/native/regf/hive_tool.py"
   echo
 }

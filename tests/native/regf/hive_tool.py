@@ -1,10 +1,9 @@
 #!/usr/bin/python3
 """Independent side of the hive engine's tests: writes an empty hive from the
-format's description, fills hives with hivex, reads hives back with hivex in
-the dump format of the tests:
-    K\t<key path>          (path components joined by '\\', root is empty)
-    V\t<key path>\t<value name>\t<type>\t<hex data>
-sorted, UTF-8, and compares such a dump with what regfexport and reglookup show."""
+format's description, fills hives with hivex, dumps them with hivex (sorted
+UTF-8 lines "K\t<path>" and "V\t<path>\t<name>\t<type>\t<hex data>", a path's
+parts joined by '\\', the root's empty), and compares such a dump with what
+regfexport and reglookup show."""
 import itertools, random, re, struct, subprocess, sys, time
 
 import hivex
@@ -111,8 +110,7 @@ def unquote(s):
 
 
 def read_reglookup(path):
-    """Keys and values as reglookup prints them: paths with '/', escaped text,
-    a value as (type name, text)."""
+    """Keys, and values as (type name, text), as reglookup prints them."""
     keys, vals = set(), {}
     for f in (line.split(',') for line in run(['reglookup', '-H', path]).decode('latin-1').splitlines()):
         if len(f) >= 4 and f[1] == 'KEY':
@@ -139,8 +137,7 @@ def reglookup_form(t, data):
 
 
 def read_regfexport(path):
-    """Keys (under the root's name) and values as regfexport prints them, a
-    value as (size,) or, for binary data with its hex dump, (size, hex)."""
+    """Keys, and values as (size,) or (size, hex dump), as regfexport prints them."""
     keys, vals, cur, val = set(), {}, None, None
     lines = run(['regfexport', path]).decode('utf-8', 'replace').splitlines()
     for i, line in enumerate(lines):
@@ -167,8 +164,8 @@ READERS = {  # reader, where it files a value, what it shows of a value, whether
 
 
 def check(path, engine_dump, readers):
-    """Compares the engine's dump of a hive with what hivex and the named
-    readers see; prints how many values each compared and what differs."""
+    """Compares the engine's dump of a hive with what hivex and the named readers
+    see; prints how many values each compared and what differs."""
     with open(engine_dump, encoding='utf-8') as f:
         mine = sorted(line.rstrip('\n') for line in f if line.strip())
     keys = {l.split('\t')[1] for l in mine if l[0] == 'K'}
@@ -176,11 +173,10 @@ def check(path, engine_dump, readers):
     theirs, bad, counts = dump_hivex(path), [], ''
     if theirs != mine:
         bad.append('hivex differs: %r' % [d[:100] for d in sorted(set(theirs) ^ set(mine))[:4]])
-    for name, (read, where, form, exact) in READERS.items():
-        shown = [(k, n) for (k, n) in values if exact(k + n)] if name in readers else []
+    for name in readers:
+        read, where, form, exact = READERS[name]
+        shown = [(k, n) for (k, n) in values if exact(k + n)]
         counts += ' %s_values=%d' % (name, len(shown))
-        if name not in readers:
-            continue
         seen_keys, seen = read(path)
         missing = sorted(k for k in keys if exact(k) and k not in seen_keys)
         found = ['%s lacks keys %r' % (name, missing[:3])] if missing else []
@@ -189,15 +185,12 @@ def check(path, engine_dump, readers):
             if got is None or got[:len(want)] != want[:len(got)]:
                 found.append('%s differs at %r\\%r: %r' % (name, k, n, got and tuple(str(g)[:60] for g in got)))
         bad += found[:5]
-    print('oracle keys=%d hivex_values=%d%s' % (len(keys), len(values), counts))
-    for b in bad:
-        print(b)
+    print('\n'.join(['oracle keys=%d hivex_values=%d%s' % (len(keys), len(values), counts)] + bad))
     return 1 if bad else 0
 
 
 def bench_edits(path, sets, adds):
-    """The benchmark's edits done by hivex: set values spread over the tree,
-    add keys, commit."""
+    """The benchmark's edits done by hivex: values set over the tree, keys added."""
     start = time.perf_counter()
     h = hivex.Hivex(path, write=True)
     nodes, stack = [], [h.root()]

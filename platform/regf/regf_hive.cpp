@@ -46,11 +46,6 @@ uint64_t NowFiletime() {
     return uint64_t(std::chrono::duration_cast<std::chrono::nanoseconds>(since).count() / 100) + 116444736000000000ull;
 }
 
-uint32_t BaseChecksum(const uint8_t* base) {
-    uint32_t sum = 0;
-    for (int i = 0; i < 127; ++i) sum ^= Le32(base + 4 * i);
-    return sum;
-}
 uint32_t StoredChecksum(uint32_t sum) { return sum == 0 ? 1 : sum == 0xFFFFFFFFu ? 0xFFFFFFFEu : sum; }
 
 // A big-data header: "db", the segment count and the segment list; only for
@@ -103,6 +98,12 @@ std::vector<std::u16string_view> SplitPath(std::u16string_view path) {
 }
 
 }  // namespace
+
+uint32_t BaseChecksum(const uint8_t* base) {
+    uint32_t sum = 0;
+    for (int i = 0; i < 127; ++i) sum ^= Le32(base + 4 * i);
+    return sum;
+}
 
 Hive::~Hive() = default;
 

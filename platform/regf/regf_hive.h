@@ -125,6 +125,11 @@ struct CommitStats {
     uint32_t commits = 0;
 };
 
+// The XOR of the 127 little-endian 32-bit words at the start of a base
+// block (its first 508 bytes), before the remapping of 0 and ~0 that Windows
+// applies when it stores the checksum at byte 508.
+uint32_t BaseChecksum(const uint8_t* base);
+
 struct HeaderInfo {
     uint32_t primarySequence = 0;
     uint32_t secondarySequence = 0;

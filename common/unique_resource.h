@@ -72,6 +72,7 @@ inline void free_library(HMODULE m) noexcept { ::FreeLibrary(m); }
 inline void local_free(void* p) noexcept { ::LocalFree(p); }
 inline void heap_free(void* p) noexcept { ::HeapFree(::GetProcessHeap(), 0, p); }
 inline void release_mutex(HANDLE h) noexcept { ::ReleaseMutex(h); }
+inline void close_service_handle(SC_HANDLE h) noexcept { ::CloseServiceHandle(h); }
 }  // namespace detail
 
 // Handles that are empty when null (events, mutexes, mappings, processes).
@@ -84,6 +85,8 @@ using unique_view = unique_any<detail::traits<void*, detail::unmap_view>>;
 using unique_hmodule = unique_any<detail::traits<HMODULE, detail::free_library>>;
 using unique_hlocal = unique_any<detail::traits<void*, detail::local_free>>;
 using unique_heap_ptr = unique_any<detail::traits<void*, detail::heap_free>>;
+// Service control manager and service handles.
+using unique_sc_handle = unique_any<detail::traits<SC_HANDLE, detail::close_service_handle>>;
 // A mutex that this thread owns: released (not closed) at the end of scope.
 using mutex_release = unique_any<detail::traits<HANDLE, detail::release_mutex>>;
 

@@ -1,0 +1,220 @@
+#include "platform/host_util.h"
+
+#include <objbase.h>
+
+#include <cwchar>
+#include <limits>
+#include <type_traits>
+
+namespace kx::hostutil {
+
+TokenPrivilege::TokenPrivilege() noexcept {
+    if (!::OpenProcessToken(::GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, token_.put()))
+        openError_ = ::GetLastError();
+}
+
+TokenPrivilege::~TokenPrivilege() {
+    for (auto it = saved_.rbegin(); it != saved_.rend(); ++it) {
+        TOKEN_PRIVILEGES tp{};
+        tp.PrivilegeCount = 1;
+        tp.Privileges[0].Luid = it->luid;
+        tp.Privileges[0].Attributes = it->attributes;
+        ::AdjustTokenPrivileges(token_.get(), FALSE, &tp, 0, nullptr, nullptr);
+    }
+}
+
+DWORD TokenPrivilege::EnablePrivilege(const wchar_t* name) noexcept {
+    if (!token_) return openError_ ? openError_ : ERROR_INVALID_HANDLE;
+    if (!name) return ERROR_INVALID_PARAMETER;
+    LUID luid{};
+    if (!::LookupPrivilegeValueW(nullptr, name, &luid)) return ::GetLastError();
+    TOKEN_PRIVILEGES tp{};
+    tp.PrivilegeCount = 1;
+    tp.Privileges[0].Luid = luid;
+    tp.Privileges[0].Attributes = SE_PRIVILEGE_ENABLED;
+    TOKEN_PRIVILEGES previous{};
+    DWORD previousSize = sizeof previous;
+    if (!::AdjustTokenPrivileges(token_.get(), FALSE, &tp, previousSize, &previous, &previousSize))
+        return ::GetLastError();
+    // The call succeeds without granting a privilege the token lacks; only
+    // the last error tells.
+    DWORD rc = ::GetLastError();
+    if (rc != ERROR_SUCCESS) return rc;
+    // A privilege that was already enabled reports no previous state and has
+    // nothing to put back.
+    if (previous.PrivilegeCount == 1) {
+        try {
+            saved_.push_back({luid, previous.Privileges[0].Attributes});
+        } catch (...) {
+            ::AdjustTokenPrivileges(token_.get(), FALSE, &previous, 0, nullptr, nullptr);
+            return ERROR_NOT_ENOUGH_MEMORY;
+        }
+    }
+    return ERROR_SUCCESS;
+}
+
+bool CreateGuid(GUID* guid) noexcept {
+    return guid && SUCCEEDED(::CoCreateGuid(guid));
+}
+
+std::wstring GuidToString(const GUID& g) {
+    wchar_t text[40];
+    std::swprintf(text, 40, L"{%08lX-%04hX-%04hX-%02X%02X-%02X%02X%02X%02X%02X%02X}",
+                  static_cast<unsigned long>(g.Data1), g.Data2, g.Data3, g.Data4[0], g.Data4[1], g.Data4[2],
+                  g.Data4[3], g.Data4[4], g.Data4[5], g.Data4[6], g.Data4[7]);
+    return text;
+}
+
+namespace {
+
+int HexDigit(wchar_t c) noexcept {
+    if (c >= L'0' && c <= L'9') return c - L'0';
+    if (c >= L'a' && c <= L'f') return c - L'a' + 10;
+    if (c >= L'A' && c <= L'F') return c - L'A' + 10;
+    return -1;
+}
+
+// Reads `digits` hex digits at p; false on any non-hex character.
+bool ReadHex(const wchar_t* p, int digits, uint64_t* value) noexcept {
+    uint64_t v = 0;
+    for (int i = 0; i < digits; ++i) {
+        int d = HexDigit(p[i]);
+        if (d < 0) return false;
+        v = v << 4 | static_cast<unsigned>(d);
+    }
+    *value = v;
+    return true;
+}
+
+}  // namespace
+
+bool StringToGuid(const std::wstring& text, GUID* guid) noexcept {
+    if (!guid) return false;
+    std::wstring_view s(text);
+    if (s.size() == 38) {
+        if (s.front() != L'{' || s.back() != L'}') return false;
+        s = s.substr(1, 36);
+    }
+    if (s.size() != 36 || s[8] != L'-' || s[13] != L'-' || s[18] != L'-' || s[23] != L'-') return false;
+    const wchar_t* p = s.data();
+    uint64_t d1, d2, d3, d4a, d4b;
+    if (!ReadHex(p, 8, &d1) || !ReadHex(p + 9, 4, &d2) || !ReadHex(p + 14, 4, &d3) || !ReadHex(p + 19, 4, &d4a) ||
+        !ReadHex(p + 24, 12, &d4b))
+        return false;
+    GUID g{};
+    g.Data1 = static_cast<unsigned long>(d1);
+    g.Data2 = static_cast<unsigned short>(d2);
+    g.Data3 = static_cast<unsigned short>(d3);
+    g.Data4[0] = static_cast<unsigned char>(d4a >> 8);
+    g.Data4[1] = static_cast<unsigned char>(d4a);
+    for (int i = 0; i < 6; ++i) g.Data4[2 + i] = static_cast<unsigned char>(d4b >> (8 * (5 - i)));
+    *guid = g;
+    return true;
+}
+
+template <class T>
+std::wstring StringConverter<T>::ToString(T value) {
+    return std::to_wstring(value);
+}
+
+template <class T>
+bool StringConverter<T>::FromString(const std::wstring& text, T* out) noexcept {
+    if (!out) return false;
+    size_t i = 0;
+    bool negative = false;
+    if constexpr (std::is_signed_v<T>) {
+        if (!text.empty() && text[0] == L'-') {
+            negative = true;
+            i = 1;
+        }
+    }
+    if (i == text.size()) return false;
+    // The largest magnitude allowed: for a negative value one more than max.
+    const uint64_t limit = static_cast<uint64_t>(std::numeric_limits<T>::max()) + (negative ? 1 : 0);
+    uint64_t magnitude = 0;
+    for (; i < text.size(); ++i) {
+        wchar_t c = text[i];
+        if (c < L'0' || c > L'9') return false;
+        unsigned d = static_cast<unsigned>(c - L'0');
+        if (magnitude > (limit - d) / 10) return false;
+        magnitude = magnitude * 10 + d;
+    }
+    if (negative)
+        *out = magnitude == limit ? std::numeric_limits<T>::min() : static_cast<T>(-static_cast<int64_t>(magnitude));
+    else
+        *out = static_cast<T>(magnitude);
+    return true;
+}
+
+template struct StringConverter<DWORD>;
+template struct StringConverter<unsigned short>;
+template struct StringConverter<int64_t>;
+
+namespace {
+
+// The value's data as wide characters, read with RegGetValueW under the
+// given type filter; the buffer grows while the value grows under us.
+DWORD ReadWideValue(HKEY root, const std::wstring& subkey, const std::wstring& name, DWORD flags,
+                    std::wstring* data) {
+    DWORD size = 0;
+    LSTATUS rc = ::RegGetValueW(root, subkey.c_str(), name.c_str(), flags, nullptr, nullptr, &size);
+    for (int attempt = 0; attempt < 8 && (rc == ERROR_SUCCESS || rc == ERROR_MORE_DATA); ++attempt) {
+        data->assign(size / sizeof(wchar_t) + 1, L'\0');
+        DWORD have = static_cast<DWORD>(data->size() * sizeof(wchar_t));
+        rc = ::RegGetValueW(root, subkey.c_str(), name.c_str(), flags, nullptr, data->data(), &have);
+        if (rc == ERROR_SUCCESS) {
+            data->resize(have / sizeof(wchar_t));
+            return ERROR_SUCCESS;
+        }
+        size = have;
+    }
+    return static_cast<DWORD>(rc);
+}
+
+}  // namespace
+
+DWORD GetRegistryString(HKEY root, const std::wstring& subkey, const std::wstring& name, std::wstring* out) {
+    if (!out) return ERROR_INVALID_PARAMETER;
+    std::wstring data;
+    DWORD rc = ReadWideValue(root, subkey, name, RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND, &data);
+    if (rc != ERROR_SUCCESS) return rc;
+    // Up to the first terminator: stored strings may or may not carry one.
+    data.resize(std::wcslen(data.c_str()));
+    *out = std::move(data);
+    return ERROR_SUCCESS;
+}
+
+DWORD GetRegistryMultiString(HKEY root, const std::wstring& subkey, const std::wstring& name,
+                             std::vector<std::wstring>* out) {
+    if (!out) return ERROR_INVALID_PARAMETER;
+    std::wstring data;
+    DWORD rc = ReadWideValue(root, subkey, name, RRF_RT_REG_MULTI_SZ, &data);
+    if (rc != ERROR_SUCCESS) return rc;
+    std::vector<std::wstring> list;
+    // Strings end at each terminator; an empty string ends the list.
+    for (size_t pos = 0; pos < data.size();) {
+        size_t end = data.find(L'\0', pos);
+        if (end == std::wstring::npos) end = data.size();
+        if (end == pos) break;
+        list.emplace_back(data, pos, end - pos);
+        pos = end + 1;
+    }
+    *out = std::move(list);
+    return ERROR_SUCCESS;
+}
+
+DWORD WindowsServiceMgr::IfServiceExists(const std::wstring& name, bool* exists) noexcept {
+    if (!exists) return ERROR_INVALID_PARAMETER;
+    *exists = false;
+    unique_sc_handle scm(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
+    if (!scm) return ::GetLastError();
+    unique_sc_handle service(::OpenServiceW(scm.get(), name.c_str(), SERVICE_QUERY_STATUS));
+    if (service) {
+        *exists = true;
+        return ERROR_SUCCESS;
+    }
+    DWORD rc = ::GetLastError();
+    return rc == ERROR_SERVICE_DOES_NOT_EXIST ? ERROR_SUCCESS : rc;
+}
+
+}  // namespace kx::hostutil

@@ -6,6 +6,7 @@
 #include "common/positioned_io.h"
 #include "common/unique_resource.h"
 #include "log/debug_log.h"
+#include "platform/regf/regf_bytes.h"
 #include "platform/regf/regf_hive.h"
 
 namespace kx::guestfix {
@@ -13,10 +14,6 @@ namespace kx::guestfix {
 namespace {
 constexpr DWORD kBaseBlockBytes = 512;
 
-uint32_t Le32(const uint8_t* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
-void Put32(uint8_t* p, uint32_t v) {
-    for (int i = 0; i < 4; ++i) p[i] = uint8_t(v >> (8 * i));
-}
 }  // namespace
 
 DWORD ReadEngineDword(const wchar_t* name, DWORD* value, const wchar_t* keyPath, DWORD fallback) {
@@ -53,13 +50,13 @@ void FixHiveIntegrity(const std::wstring& hivePath) {
         LogErr(1, rc, L"Fail to read registry hive header %s", hivePath.c_str());
         return;
     }
-    const uint32_t primary = Le32(base + 4);
-    if (primary == Le32(base + 8)) {
+    const uint32_t primary = regf::Le32(base + 4);
+    if (primary == regf::Le32(base + 8)) {
         Log(2, L"::The hive file %s doesn't have integrity problem.", hivePath.c_str());
         return;
     }
-    Put32(base + 8, primary);
-    Put32(base + 508, regf::BaseChecksum(base));  // stored as computed: no remapping of 0 or ~0
+    regf::Put32(base + 8, primary);
+    regf::Put32(base + 508, regf::BaseChecksum(base));  // stored as computed: no remapping of 0 or ~0
     LARGE_INTEGER zero{};
     if (!::SetFilePointerEx(file.get(), zero, nullptr, FILE_BEGIN)) {
         LogErr(1, LastErrorOr(), L"::Fail to set file pointer to registry hive file %s", hivePath.c_str());

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstring>
 
+#include "platform/regf/regf_bytes.h"
 #include "platform/regf/regf_names.h"
 
 namespace kx::regf {
@@ -35,9 +36,6 @@ constexpr uint16_t kKeyCompressedName = 0x0020;
 constexpr uint16_t kValueCompressedName = 0x0001;
 constexpr uint32_t kResident = 0x80000000u;
 
-uint32_t Le32(const uint8_t* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
-uint16_t Le16(const uint8_t* p) { return uint16_t(p[0] | p[1] << 8); }
-void Put32(uint8_t* p, uint32_t v) { p[0] = uint8_t(v); p[1] = uint8_t(v >> 8); p[2] = uint8_t(v >> 16); p[3] = uint8_t(v >> 24); }
 bool Sig(const uint8_t* p, const char* s) { return p[0] == uint8_t(s[0]) && p[1] == uint8_t(s[1]); }
 uint32_t Align8(uint64_t v) { return uint32_t((v + 7) & ~uint64_t(7)); }
 

@@ -8,3 +8,4 @@
 #include "KestrixHA/bitmap.h"
 #include "KestrixHA/bitmap_catalogue.h"
 #include "KestrixHA/session.h"
+#include "KestrixHA/guest.h"

@@ -92,6 +92,9 @@ void EndLine(DWORD rc) noexcept {
     } else if constexpr (Row.endKind == EndKind::Values) {
         // A path out that reported no values: the plain end line.
         Log(Row.endLevel, L"%s() finished, rc = [%d]", Row.name, rc);
+    } else if constexpr (Row.endKind == EndKind::Plain) {
+        static_assert(log::fmt::FitsArgs<>(Row.end), "a plain end line has no conversions");
+        Log(Row.endLevel, log::fmt::Checked<>::Unchecked(Row.end));
     }
 }
 

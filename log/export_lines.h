@@ -19,6 +19,7 @@ namespace kx {
 enum class EndKind {
     Result,  // the frame writes `end` with the name and the result on every path
     Values,  // the body writes `end` with its own values; other paths get the plain end line
+    Plain,   // the frame writes `end`, a line without conversions, on every path
     None,    // no end line (the export reports in its own lines)
 };
 
@@ -108,5 +109,13 @@ inline constexpr ExportLines kMVCM_QueryIntactSessionList{L"MVCM_QueryIntactSess
                                                           EndKind::None, nullptr, kE_INVALIDARG};
 inline constexpr ExportLines kMVCM_CloseIntactSessionListHandle{L"MVCM_CloseIntactSessionListHandle", 4, nullptr, 4,
                                                                 nullptr, EndKind::None};
+
+// ---- guest hives ---------------------------------------------------------------
+inline constexpr ExportLines kGetSystemHiveKeyEx{L"GetSystemHiveKeyEx", 2,
+                                                 L"Begin to get system hive from directory %s.", 2,
+                                                 L"Finish getting system hive", EndKind::Plain};
+inline constexpr ExportLines kGetSoftwareHiveKeyEx{L"GetSoftwareHiveKeyEx", 2,
+                                                   L"Begin to get software hive from directory %s.", 2,
+                                                   L"Finish getting software hive", EndKind::Plain};
 
 }  // namespace kx

@@ -103,6 +103,13 @@ TEST(FixHiveIntegrity, LeavesCleanHivesMissingFilesAndASwitchedOffRepairAlone) {
     EXPECT_TRUE(log.Contains(L"The registry switch is not enabled, don't fix the hive integrity problem."));
     SetSwitch(1);
 
+    // A file in another format (Wine's text hive) is never rewritten.
+    const std::string text = "WINE REGISTRY Version 2\n;; All keys relative to \\\\Machine\n" + std::string(600, ';');
+    kxtest::WriteText(hive, text);
+    g::FixHiveIntegrity(hive);
+    EXPECT_EQ(kxtest::ReadBytes(hive), Bytes(text.begin(), text.end()));
+    EXPECT_TRUE(log.Contains(L"is not a registry hive file"));
+
     // A file that is not there: one line, and nothing made.
     g::FixHiveIntegrity(d / L"missing");
     EXPECT_EQ(log.Matching(L"Fail to open registry hive " + (d / L"missing")).size(), 1u);

@@ -7,27 +7,14 @@
 
 #include "../bitmap/bitmap_test_util.h"
 #include "kx_test.h"
+#include "kxha_run.h"
 
 using kxtest::ScratchDir;
 
-namespace {
-
-struct Result {
-    DWORD code;
-    std::string out;
-};
-
-Result Kxha(const std::wstring& args) {
-    Result r;
-    r.code = kxtest::RunCapture(L"\"" + kxtest::BinDir() + L"\\kxha.exe\" " + args, &r.out);
-    return r;
-}
-
-bool Has(const Result& r, const std::string& text) { return r.out.find(text) != std::string::npos; }
-
-std::wstring Q(const std::wstring& s) { return L"\"" + s + L"\""; }
-
-}  // namespace
+using kxhatest::Has;
+using kxhatest::Kxha;
+using kxhatest::Q;
+using kxhatest::Result;
 
 // Each command in order, against a destination with prepared bitmaps (d) or
 // one with a merge (m): its exit status (2 for usage, 1 for a failed call)

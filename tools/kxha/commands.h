@@ -39,5 +39,10 @@ int CmdMerges(const Args& args);
 int CmdIntact(const Args& args);
 int CmdVcm(const Args& args);
 int CmdDemo(const Args& args);
+int CmdGuest(const Args& args);
+
+inline const wchar_t* const kGuestUsage =
+    L"kxha guest info <Windows folder> [--json]\n"
+    L"       kxha guest reg <hive file> [key path] [--depth N] [--json]";
 
 }  // namespace kxha

@@ -1,0 +1,25 @@
+// Runs kxha.exe from the test's folder with its output captured.
+#pragma once
+
+#include <string>
+
+#include "kx_test.h"
+
+namespace kxhatest {
+
+struct Result {
+    DWORD code;
+    std::string out;  // stdout and stderr, UTF-8
+};
+
+inline Result Kxha(const std::wstring& args) {
+    Result r;
+    r.code = kxtest::RunCapture(L"\"" + kxtest::BinDir() + L"\\kxha.exe\" " + args, &r.out);
+    return r;
+}
+
+inline bool Has(const Result& r, const std::string& text) { return r.out.find(text) != std::string::npos; }
+
+inline std::wstring Q(const std::wstring& s) { return L"\"" + s + L"\""; }
+
+}  // namespace kxhatest

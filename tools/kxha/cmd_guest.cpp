@@ -1,0 +1,228 @@
+// kxha guest: what an offline Windows installation's registry holds, read
+// through the hive engine and never written (see guest_hive.h).
+#include <windows.h>
+
+#include <cwchar>
+#include <cwctype>
+
+#include "commands.h"
+#include "guest_hive.h"
+#include "output.h"
+
+namespace kxha {
+
+namespace regf = kx::regf;
+
+namespace {
+
+const wchar_t* const kHiveNames[] = {L"system", L"software", L"SAM", L"SECURITY", L"DEFAULT"};
+const wchar_t* const kBackend = L"offline engine (read-only)";
+
+std::wstring Printf(const wchar_t* format, auto... args) {
+    wchar_t buf[128];
+    swprintf(buf, 128, format, args...);
+    return buf;
+}
+
+// What the guest's hives say about it, as the library reads it: the version
+// from "CurrentVersion" ("%d.%d") and "CSDVersion" ("SERVICE PACK %d" once
+// upper-cased), the current control set "ControlSet00" + "Current" (no
+// zero-padding: 12 gives ControlSet0012), its computer name.
+struct GuestFacts {
+    int major = 0, minor = 0, servicePack = 0;
+    std::wstring productName, controlSet, computerName;
+};
+
+GuestFacts ReadFacts(const GuestHive& system, const GuestHive& software) {
+    GuestFacts f;
+    if (software.hive) {
+        const std::wstring cv = L"Microsoft\\windows NT\\CurrentVersion";
+        if (auto v = ReadString(*software.hive, cv, L"CurrentVersion"); v && !v->empty())
+            swscanf(v->c_str(), L"%d.%d", &f.major, &f.minor);
+        if (auto v = ReadString(*software.hive, cv, L"CSDVersion"); v && !v->empty()) {
+            std::wstring upper = v->substr(0, MAX_PATH);
+            for (wchar_t& c : upper) c = static_cast<wchar_t>(std::towupper(c));
+            swscanf(upper.c_str(), L"SERVICE PACK %d", &f.servicePack);
+        }
+        f.productName = ReadString(*software.hive, cv, L"ProductName").value_or(L"");
+    }
+    if (system.hive) {
+        f.controlSet = L"ControlSet00" + std::to_wstring(ReadDword(*system.hive, L"Select", L"Current").value_or(1));
+        f.computerName = ReadString(*system.hive, f.controlSet + L"\\Control\\ComputerName\\ComputerName", L"ComputerName")
+                             .value_or(L"");
+    }
+    return f;
+}
+
+std::wstring State(const GuestHive& h) {
+    if (!h.found) return L"missing";
+    if (h.fileError) return L"unreadable, rc = " + Num(h.fileError);
+    std::wstring s = h.headerRead ? (h.header.dirty ? L"dirty" : L"clean") : L"";
+    if (h.rc) s += (s.empty() ? L"" : L", ") + std::wstring(L"refused by the engine, rc = ") + Num(h.rc);
+    return s;
+}
+
+int GuestInfo(const std::vector<std::wstring>& pos, bool json) {
+    const std::wstring& folder = pos[1];
+    const DWORD attributes = ::GetFileAttributesW(folder.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES || !(attributes & FILE_ATTRIBUTE_DIRECTORY))
+        return Fail(L"guest info", ERROR_BAD_ENVIRONMENT, (L"no Windows folder " + folder).c_str());
+    const std::wstring config =
+        folder + (folder.back() == L'\\' || folder.back() == L'/' ? L"" : L"\\") + L"system32\\config\\";
+    std::vector<GuestHive> hives;
+    for (const wchar_t* name : kHiveNames) hives.push_back(OpenGuestHive(config + name));
+    if (!hives[0].found)
+        return Fail(L"guest info", ERROR_BAD_ENVIRONMENT, (L"no system hive at " + hives[0].path).c_str());
+    const GuestFacts f = ReadFacts(hives[0], hives[1]);
+
+    std::wstring o;
+    if (json) {
+        o = L"{\"windows_folder\": " + JsonString(folder) + L", \"backend\": " + JsonString(kBackend) + L", \"hives\": [";
+        for (size_t i = 0; i < hives.size(); ++i) {
+            const GuestHive& h = hives[i];
+            o += (i ? L", " : L"") + std::wstring(L"{\"name\": ") + JsonString(kHiveNames[i]) + L", \"path\": " +
+                 JsonString(h.path) + L", \"found\": " + (h.found ? L"true" : L"false");
+            if (h.found)
+                o += L", \"size\": " + Num(h.size) + L", \"rc\": " + Num(h.fileError ? h.fileError : h.rc);
+            if (h.headerRead)
+                o += L", \"dirty\": " + std::wstring(h.header.dirty ? L"true" : L"false") +
+                     Printf(L", \"format\": \"1.%u\"", h.header.minorVersion);
+            o += L"}";
+        }
+        o += Printf(L"], \"version\": \"%d.%d\", \"major\": %d, \"minor\": %d, \"service_pack\": %d", f.major,
+                    f.minor, f.major, f.minor, f.servicePack) +
+             L", \"product_name\": " + JsonString(f.productName) + L", \"current_control_set\": " +
+             JsonString(f.controlSet) + L", \"computer_name\": " + JsonString(f.computerName) + L"}\n";
+    } else {
+        o = L"Windows folder:      " + folder + L"\nbackend:             " + kBackend + L"\n";
+        for (const GuestHive& h : hives) {
+            wchar_t line[160];
+            const std::wstring name = h.path.substr(config.size());
+            if (h.found && !h.fileError)
+                swprintf(line, 160, L"  %-9ls %10llu bytes  %ls%ls\n", name.c_str(), h.size, State(h).c_str(),
+                         h.headerRead ? Printf(L"  format 1.%u", h.header.minorVersion).c_str() : L"");
+            else
+                swprintf(line, 160, L"  %-9ls %ls\n", name.c_str(), State(h).c_str());
+            o += line;
+        }
+        o += Printf(L"Windows version:     %d.%d\nService pack:        %d\n", f.major, f.minor, f.servicePack) +
+             L"Product name:        " + f.productName + L"\nCurrent control set: " + f.controlSet +
+             L"\nComputer name:       " + f.computerName + L"\n";
+    }
+    Out(o);
+    return 0;
+}
+
+std::wstring TypeName(uint32_t type) {
+    static const wchar_t* const names[] = {
+        L"REG_NONE",      L"REG_SZ",        L"REG_EXPAND_SZ",        L"REG_BINARY",
+        L"REG_DWORD",     L"REG_DWORD_BIG_ENDIAN", L"REG_LINK",      L"REG_MULTI_SZ",
+        L"REG_RESOURCE_LIST", L"REG_FULL_RESOURCE_DESCRIPTOR", L"REG_RESOURCE_REQUIREMENTS_LIST", L"REG_QWORD"};
+    return type < std::size(names) ? names[type] : Printf(L"0x%x", type);
+}
+
+std::wstring HexBytes(const std::vector<uint8_t>& data, size_t cap, const wchar_t* between) {
+    std::wstring s;
+    for (size_t i = 0; i < data.size() && i < cap; ++i) s += (i ? between : L"") + Printf(L"%02x", data[i]);
+    return s;
+}
+
+constexpr size_t kShownBytes = 32;
+
+// The data as a registry editor shows it, or as JSON.
+std::wstring Data(const regf::Value& v, bool json) {
+    const auto n = ValueNumber(v);
+    if (v.type == regf::kRegSz || v.type == regf::kRegExpandSz)
+        return json ? JsonString(ValueText(v)) : ValueText(v);
+    if (v.type == regf::kRegMultiSz) {
+        std::wstring joined;
+        for (const auto& item : ValueItems(v)) joined += (joined.empty() ? L"" : L" | ") + item;
+        return json ? JsonList(ValueItems(v)) : joined;
+    }
+    if (n) return json ? Num(*n) : Printf(v.type == regf::kRegDword ? L"0x%08llx (%llu)" : L"0x%016llx (%llu)", *n, *n);
+    if (json) return L"\"" + HexBytes(v.data, v.data.size(), L"") + L"\"";
+    std::wstring s = HexBytes(v.data, kShownBytes, L" ");
+    if (v.data.size() > kShownBytes) s += L" ... " + Num(v.data.size()) + L" bytes";
+    return s;
+}
+
+struct Walk {
+    const regf::Hive& hive;
+    bool json;
+    long depth;  // levels below the starting key; negative: all
+    std::wstring out;
+
+    regf::Result Key(regf::Key key, const std::wstring& path, long level) {
+        std::vector<std::pair<std::wstring, regf::Value>> values;
+        regf::Result rc;
+        for (uint32_t i = 0;; ++i) {
+            std::u16string name;
+            regf::Value v;
+            if ((rc = hive.EnumValue(key, i, &name, &v)) == regf::kNoMoreItems) break;
+            if (rc) return rc;
+            values.emplace_back(Wide(name), std::move(v));
+        }
+        if (json) {
+            out += L"{\"path\": " + JsonString(path) + L", \"values\": [";
+            for (size_t i = 0; i < values.size(); ++i)
+                out += (i ? L", " : L"") + std::wstring(L"{\"name\": ") + JsonString(values[i].first) +
+                       L", \"type\": " + JsonString(TypeName(values[i].second.type)) + L", \"size\": " +
+                       Num(values[i].second.data.size()) + L", \"data\": " + Data(values[i].second, true) + L"}";
+            out += L"], \"subkeys\": [";
+        } else {
+            size_t nameWidth = 9, typeWidth = 0;  // "(Default)"
+            for (const auto& [name, v] : values) {
+                nameWidth = std::max(nameWidth, name.size());
+                typeWidth = std::max(typeWidth, TypeName(v.type).size());
+            }
+            out += L"[" + (path.empty() ? std::wstring(L"\\") : path) + L"]\n";
+            for (const auto& [name, v] : values) {
+                std::wstring shown = name.empty() ? L"(Default)" : name, type = TypeName(v.type);
+                std::wstring line = L"  " + shown + std::wstring(nameWidth - shown.size() + 2, L' ') + type +
+                                    std::wstring(typeWidth - type.size() + 2, L' ') + Data(v, false);
+                out += line.substr(0, line.find_last_not_of(L' ') + 1) + L"\n";
+            }
+        }
+        for (uint32_t i = 0; depth < 0 || level < depth; ++i) {
+            std::u16string name;
+            regf::Key child;
+            if ((rc = hive.EnumSubkey(key, i, &name, &child)) == regf::kNoMoreItems) break;
+            if (rc) return rc;
+            if (json && i) out += L", ";
+            if ((rc = Key(child, path.empty() ? Wide(name) : path + L"\\" + Wide(name), level + 1))) return rc;
+        }
+        if (json) out += L"]}";
+        return regf::kOk;
+    }
+};
+
+int GuestReg(const std::vector<std::wstring>& pos, const Args& args) {
+    std::wstring path = pos.size() > 2 ? pos[2] : L"";
+    while (!path.empty() && path.front() == L'\\') path.erase(0, 1);
+    while (!path.empty() && path.back() == L'\\') path.pop_back();
+    const std::wstring depth = Option(args, L"--depth");
+    const GuestHive g = OpenGuestHive(pos[1]);
+    if (g.fileError) return Fail(L"opening " + pos[1], g.fileError);
+    if (g.rc)
+        return Fail(L"reading the hive " + pos[1], g.rc,
+                    g.rc == regf::kBadDb ? L"not a well-formed registry hive" : nullptr);
+    regf::Key key;
+    if (regf::Result rc = g.hive->OpenKey(g.hive->Root(), U16(path), &key))
+        return Fail(L"opening the key [" + path + L"]", rc, rc == regf::kNotFound ? L"no such key in the hive" : nullptr);
+    Walk walk{*g.hive, HasFlag(args, L"--json"), depth.empty() ? -1 : wcstol(depth.c_str(), nullptr, 10), {}};
+    if (regf::Result rc = walk.Key(key, path, 0)) return Fail(L"reading the hive " + pos[1], rc);
+    Out(walk.out + (walk.json ? L"\n" : L""));
+    return 0;
+}
+
+}  // namespace
+
+int CmdGuest(const Args& args) {
+    const std::vector<std::wstring> pos = Positionals(args, {L"--depth"});
+    if (pos.size() == 2 && pos[0] == L"info") return GuestInfo(pos, HasFlag(args, L"--json"));
+    if ((pos.size() == 2 || pos.size() == 3) && pos[0] == L"reg") return GuestReg(pos, args);
+    Err(std::wstring(L"usage: ") + kGuestUsage + L"\n");
+    return 2;
+}
+
+}  // namespace kxha

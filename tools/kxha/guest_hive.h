@@ -1,0 +1,47 @@
+// Guest registry hives read through the offline hive engine, read-only: the
+// file is opened for reading alone and a dirty hive is read as it stands,
+// never repaired, so inspecting a guest leaves every byte of it as it was.
+// (A system load of a hive may write to the hive and its logs.)
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/regf/regf_hive.h"
+
+namespace kxha {
+
+struct GuestHive {
+    std::wstring path;
+    bool found = false;         // the file exists
+    DWORD fileError = 0;        // opening or sizing the file failed with this
+    uint64_t size = 0;
+    bool headerRead = false;    // the base block passed its checks
+    kx::regf::HeaderInfo header;
+    kx::regf::Result rc = 0;    // the engine's answer; 0 when `hive` is open
+    std::unique_ptr<kx::regf::Hive> hive;
+};
+
+GuestHive OpenGuestHive(const std::wstring& path);
+
+std::wstring Wide(const std::u16string& s);
+std::u16string U16(const std::wstring& s);
+
+// Value data read as the registry types say: a string up to its first NUL;
+// the items of a multi-string (an empty item ends the list); a DWORD or
+// QWORD of the right size.
+std::wstring ValueText(const kx::regf::Value& v);
+std::vector<std::wstring> ValueItems(const kx::regf::Value& v);
+std::optional<uint64_t> ValueNumber(const kx::regf::Value& v);
+
+// A string or DWORD value of the key at `path` (below the root); nullopt
+// when the key or the value is absent or of another type.
+std::optional<std::wstring> ReadString(const kx::regf::Hive& hive, const std::wstring& path, const std::wstring& name);
+std::optional<uint32_t> ReadDword(const kx::regf::Hive& hive, const std::wstring& path, const std::wstring& name);
+
+}  // namespace kxha

@@ -2,8 +2,10 @@
 // through the hive engine and never written (see guest_hive.h).
 #include <windows.h>
 
+#include <algorithm>
 #include <cwchar>
 #include <cwctype>
+#include <iterator>
 
 #include "commands.h"
 #include "guest_hive.h"

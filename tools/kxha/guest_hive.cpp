@@ -1,5 +1,6 @@
 #include "guest_hive.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "platform/win32_positioned_file.h"

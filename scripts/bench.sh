@@ -54,11 +54,11 @@ references() {
 regf_bench() {
   local root hive
   root=$(cd "$here/.." && pwd)
-  hive="$work/software-like.hive"
+  hive="$work/software-like-30000.hive"
   echo "== regf_bench (native)"
   if [ ! -f "$hive" ]; then
     /usr/bin/python3 "$root/tests/native/regf/hive_tool.py" empty "$hive.part" 3
-    /usr/bin/python3 "$root/tests/native/regf/hive_tool.py" fill "$hive.part" 15000 1
+    /usr/bin/python3 "$root/tests/native/regf/hive_tool.py" fill "$hive.part" 30000 1
     mv "$hive.part" "$hive"
   fi
   clang++ -std=c++20 -O2 -DNDEBUG -I"$root" -I"$root/tests/native" -o "$work/regf_bench" \

@@ -39,7 +39,7 @@ std::string Fixture(const std::string& name, int minor, const std::string& fill 
     std::filesystem::rename(tmp, path);
     return path;
 }
-std::string SoftwareFixture() { return Fixture("software-like.hive", 3, "15000 1"); }
+std::string SoftwareFixture() { return Fixture("software-like-30000.hive", 3, "30000 1"); }
 std::string SmallFixture(int minor) { return Fixture("small-1." + std::to_string(minor) + ".hive", minor, "120 7"); }
 Bytes EmptyHive(int minor) { return ReadFile(Fixture("empty-1." + std::to_string(minor) + ".hive", minor)); }
 

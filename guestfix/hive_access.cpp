@@ -22,15 +22,8 @@ constexpr DWORD kBaseBlockBytes = 512;
 
 DWORD ReadEngineDword(const wchar_t* name, DWORD* value, const wchar_t* keyPath, DWORD fallback) {
     *value = fallback;
-    unique_hkey key;
-    LSTATUS rc = ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, (keyPath && *keyPath) ? keyPath : kEngineKey, 0, KEY_READ,
-                                 key.put());
-    if (rc == ERROR_SUCCESS) {
-        DWORD size = sizeof *value;
-        rc = ::RegGetValueW(key.get(), nullptr, name, RRF_RT_REG_DWORD, nullptr, value, &size);
-    }
-    if (rc != ERROR_SUCCESS) *value = fallback;
-    return static_cast<DWORD>(rc);
+    hostutil::RegistryKey key(HKEY_LOCAL_MACHINE, (keyPath && *keyPath) ? keyPath : kEngineKey, KEY_READ);
+    return key ? key.GetValue(name, fallback, value) : key.Error();
 }
 
 void FixHiveIntegrity(const std::wstring& hivePath) {

@@ -1,5 +1,7 @@
 #include "platform/host_util.h"
 
+#include "platform/registry.h"
+
 #include <objbase.h>
 
 #include <cwchar>
@@ -150,55 +152,23 @@ template struct StringConverter<DWORD>;
 template struct StringConverter<unsigned short>;
 template struct StringConverter<int64_t>;
 
-namespace {
-
-// The value's data as wide characters, read with RegGetValueW under the
-// given type filter; the buffer grows while the value grows under us.
-DWORD ReadWideValue(HKEY root, const std::wstring& subkey, const std::wstring& name, DWORD flags,
-                    std::wstring* data) {
-    DWORD size = 0;
-    LSTATUS rc = ::RegGetValueW(root, subkey.c_str(), name.c_str(), flags, nullptr, nullptr, &size);
-    for (int attempt = 0; attempt < 8 && (rc == ERROR_SUCCESS || rc == ERROR_MORE_DATA); ++attempt) {
-        data->assign(size / sizeof(wchar_t) + 1, L'\0');
-        DWORD have = static_cast<DWORD>(data->size() * sizeof(wchar_t));
-        rc = ::RegGetValueW(root, subkey.c_str(), name.c_str(), flags, nullptr, data->data(), &have);
-        if (rc == ERROR_SUCCESS) {
-            data->resize(have / sizeof(wchar_t));
-            return ERROR_SUCCESS;
-        }
-        size = have;
-    }
-    return static_cast<DWORD>(rc);
-}
-
-}  // namespace
-
 DWORD GetRegistryString(HKEY root, const std::wstring& subkey, const std::wstring& name, std::wstring* out) {
     if (!out) return ERROR_INVALID_PARAMETER;
-    std::wstring data;
-    DWORD rc = ReadWideValue(root, subkey, name, RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND, &data);
-    if (rc != ERROR_SUCCESS) return rc;
-    // Up to the first terminator: stored strings may or may not carry one.
-    data.resize(std::wcslen(data.c_str()));
-    *out = std::move(data);
+    RegistryKey key(root, subkey, KEY_QUERY_VALUE);
+    if (!key) return key.Error();
+    std::wstring value;
+    if (DWORD rc = key.GetValue(name, std::wstring(), &value)) return rc;
+    *out = std::move(value);
     return ERROR_SUCCESS;
 }
 
 DWORD GetRegistryMultiString(HKEY root, const std::wstring& subkey, const std::wstring& name,
                              std::vector<std::wstring>* out) {
     if (!out) return ERROR_INVALID_PARAMETER;
-    std::wstring data;
-    DWORD rc = ReadWideValue(root, subkey, name, RRF_RT_REG_MULTI_SZ, &data);
-    if (rc != ERROR_SUCCESS) return rc;
+    RegistryKey key(root, subkey, KEY_QUERY_VALUE);
+    if (!key) return key.Error();
     std::vector<std::wstring> list;
-    // Strings end at each terminator; an empty string ends the list.
-    for (size_t pos = 0; pos < data.size();) {
-        size_t end = data.find(L'\0', pos);
-        if (end == std::wstring::npos) end = data.size();
-        if (end == pos) break;
-        list.emplace_back(data, pos, end - pos);
-        pos = end + 1;
-    }
+    if (DWORD rc = key.GetValue(name, &list)) return rc;
     *out = std::move(list);
     return ERROR_SUCCESS;
 }

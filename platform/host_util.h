@@ -60,7 +60,8 @@ extern template struct StringConverter<unsigned short>;
 extern template struct StringConverter<int64_t>;
 
 // A REG_SZ or REG_EXPAND_SZ value as stored (environment strings are not
-// expanded). Returns the registry's code: ERROR_FILE_NOT_FOUND for a missing
+// expanded). `root` may be a loaded hive's key of either backend (see
+// platform/registry.h). Returns the registry's code: ERROR_FILE_NOT_FOUND for a missing
 // key or value, ERROR_UNSUPPORTED_TYPE for a value of another type.
 DWORD GetRegistryString(HKEY root, const std::wstring& subkey, const std::wstring& name, std::wstring* out);
 // A REG_MULTI_SZ value split into its strings; an empty list reads as none.

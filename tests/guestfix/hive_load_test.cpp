@@ -14,6 +14,7 @@
 
 #include "guestfix/hive_access.h"
 #include "kx_test.h"
+#include "platform/host_util.h"
 #include "platform/regf/regf_hive.h"
 #include "platform/win32_positioned_file.h"
 
@@ -90,6 +91,17 @@ TEST_P(HiveLoad, LoadsUnderAFreshKeyWithOrWithoutTrailingBackslash) {
         EXPECT_EQ(ccs, L"ControlSet001");
         EXPECT_EQ(ReadString(Open(*system, L"\\" + ccs + L"\\Control\\ComputerName\\ComputerName"), L"ComputerName"),
                   L"WIN7-GUEST");
+        // The free-standing string readers take either kind of key.
+        std::wstring name;
+        EXPECT_EQ(kx::hostutil::GetRegistryString(system->GetHiveKey(), system->GetHiveName() + L"\\Select",
+                                                  L"Current", &name),
+                  DWORD{ERROR_UNSUPPORTED_TYPE});
+        std::vector<std::wstring> deps;
+        EXPECT_EQ(kx::hostutil::GetRegistryMultiString(
+                      system->GetHiveKey(), system->GetHiveName() + L"\\ControlSet001\\Services\\W32Time",
+                      L"DependOnService", &deps),
+                  0u);
+        EXPECT_EQ(deps, (std::vector<std::wstring>{L"RpcSs", L"Tcpip"}));
         // Names compare without regard to case in both backends.
         EXPECT_TRUE(Open(*system, L"\\CONTROLSET001\\control\\computername").IsValid());
     }

@@ -14,6 +14,8 @@ pkgs=(
   libvhdi-utils python3-libvhdi  # independent VHD reader
   python3-hivex libhivex-bin     # independent registry hive writer/reader
   libregf-utils reglookup        # independent registry hive readers
+  gcab                           # cabinets of real files for the driver extraction tests
+  gcc-mingw-w64-i686-posix       # a 32-bit PE (x86 hal.dll) for the platform detection tests
   python3
   procps                       # pgrep, used to keep Wine services detached
 )

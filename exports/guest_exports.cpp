@@ -2,11 +2,8 @@
 #include <new>
 
 #include "KestrixHA/guest.h"
+#include "exports/hive_loader_impl.h"
 #include "guestfix/hive_access.h"
-
-struct RegistryHiveLoader::Impl {
-    std::unique_ptr<kx::hostutil::HiveLoader> loader;
-};
 
 // Out of memory leaves a loader that holds nothing: its name is empty and
 // its key null, so every key below it fails to open.

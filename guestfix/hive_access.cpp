@@ -105,14 +105,16 @@ DWORD LoadGuestHive(GuestHive hive, const std::wstring& systemDir, std::unique_p
     return ERROR_SUCCESS;
 }
 
-DWORD FixupHive::Acquire(GuestHive which, const std::wstring& systemDir, HiveLoader* given) {
+DWORD FixupHive::Acquire(GuestHive which, const std::wstring& systemDir, HiveLoader* given, bool shortLine) {
     if (given) {
         hive_ = given;
         return ERROR_SUCCESS;
     }
     const DWORD rc = LoadGuestHive(which, systemDir, &own_);
     if (rc != ERROR_SUCCESS || !own_) {
-        if (which == GuestHive::kSystem)
+        if (which == GuestHive::kSystem && shortLine)
+            Log(0, L"Fail to load system registry hive.");
+        else if (which == GuestHive::kSystem)
             Log(0, L"Fail to load system registry hive of virtual machine.");
         else
             Log(0, L"Fail to load software registry hive of virtual machine.");

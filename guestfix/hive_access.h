@@ -55,7 +55,10 @@ public:
     // Takes `given` when it is not null; otherwise loads the hive and, when
     // that fails, logs "Fail to load system registry hive of virtual
     // machine." (or "software") and returns the load's code.
-    [[nodiscard]] DWORD Acquire(GuestHive which, const std::wstring& systemDir, HiveLoader* given);
+    // `shortLine`: the system hive's shorter line "Fail to load system
+    // registry hive." (the Xen filter removal writes that one).
+    [[nodiscard]] DWORD Acquire(GuestHive which, const std::wstring& systemDir, HiveLoader* given,
+                                bool shortLine = false);
     HiveLoader& operator*() const noexcept { return *hive_; }
     HiveLoader* operator->() const noexcept { return hive_; }
     // `path` below the hive's root ("\\Select" and so on), opened with `access`.

@@ -87,8 +87,13 @@ void StartLine(A... args) noexcept {
 template <const ExportLines& Row>
 void EndLine(DWORD rc) noexcept {
     if constexpr (Row.endKind == EndKind::Result) {
-        static_assert(log::fmt::FitsArgs<const wchar_t*, DWORD>(Row.end), "a result end line takes the name and rc");
-        Log(Row.endLevel, log::fmt::Checked<const wchar_t*, DWORD>::Unchecked(Row.end), Row.name, rc);
+        // The export's name first when the line has a place for it, as with start lines.
+        if constexpr (log::fmt::FitsArgs<const wchar_t*, DWORD>(Row.end)) {
+            Log(Row.endLevel, log::fmt::Checked<const wchar_t*, DWORD>::Unchecked(Row.end), Row.name, rc);
+        } else {
+            static_assert(log::fmt::FitsArgs<DWORD>(Row.end), "a result end line takes the rc, or the name and rc");
+            Log(Row.endLevel, log::fmt::Checked<DWORD>::Unchecked(Row.end), rc);
+        }
     } else if constexpr (Row.endKind == EndKind::Values) {
         // A path out that reported no values: the plain end line.
         Log(Row.endLevel, L"%s() finished, rc = [%d]", Row.name, rc);

@@ -17,7 +17,7 @@
 namespace kx {
 
 enum class EndKind {
-    Result,  // the frame writes `end` with the name and the result on every path
+    Result,  // the frame writes `end` with the result (after the name, when it has a place for it) on every path
     Values,  // the body writes `end` with its own values; other paths get the plain end line
     Plain,   // the frame writes `end`, a line without conversions, on every path
     None,    // no end line (the export reports in its own lines)
@@ -117,5 +117,45 @@ inline constexpr ExportLines kGetSystemHiveKeyEx{L"GetSystemHiveKeyEx", 2,
 inline constexpr ExportLines kGetSoftwareHiveKeyEx{L"GetSoftwareHiveKeyEx", 2,
                                                    L"Begin to get software hive from directory %s.", 2,
                                                    L"Finish getting software hive", EndKind::Plain};
+
+// ---- guest platform services and system switches -----------------------------
+inline constexpr ExportLines kRVCM_EnableVirtualPlatformServices{
+    L"RVCM_EnableVirtualPlatformServices", 2, L"begin disable service status", 2,
+    L"end disable service status, ret=%u", EndKind::Result};
+inline constexpr ExportLines kRVCM_EnableVirtualPlatformServicesEx{
+    L"RVCM_EnableVirtualPlatformServicesEx", 2, L"Begin enable virtual platform services.", 2,
+    L"Finish enabling virtual platform services.", EndKind::Plain};
+inline constexpr ExportLines kDisableZekAgentService{L"DisableZekAgentService", 2,
+                                                     L"Begin to disable Zek Agent service", 2,
+                                                     L"End disabling Zek Agent service, ret = %u. ", EndKind::Result};
+inline constexpr ExportLines kDisableZekAgentServiceEx{L"DisableZekAgentServiceEx", 2,
+                                                       L"Begin to disable Zek agent service.", 2,
+                                                       L"Finish disabling Zek agent service.", EndKind::Plain};
+inline constexpr ExportLines kSetZekServiceStart{L"SetZekServiceStart", 4,
+                                                 L"begin _SetZekServiceStart, strSystemDir=%s, zekServ=%s", 4,
+                                                 nullptr, EndKind::None};
+inline constexpr ExportLines kChangeProductionHostName{
+    L"ChangeProductionHostName", 4, L"begin--SystemUpdater::ChangeHostName,%s, %s", 4,
+    L"end--SystemUpdater::ChangeHostName, return %u", EndKind::Result};
+inline constexpr ExportLines kPrepareZekForFailover{
+    L"PrepareZekForFailover", 4, L"begin _PrepareZekForFailover, strSystemDir=%s, vmType=%s", 4,
+    L"end _PrepareZekForFailover, ret=%u", EndKind::Result};
+inline constexpr ExportLines kDeleteDynamicDiskGroup{L"DeleteDynamicDiskGroup", 2,
+                                                     L"begin DeleteDynamicDiskGroup, dir=%s", 2,
+                                                     L"finish DeleteDynamicDiskGroup, ret=%u", EndKind::Result};
+inline constexpr ExportLines kDeleteDynamicDiskGroupEx{L"DeleteDynamicDiskGroupEx", 2,
+                                                       L"Begin to delete legacy dynamic disk group.", 2,
+                                                       L"Finish deleting legacy dynamic disk group.", EndKind::Plain};
+inline constexpr ExportLines kDisableShutDownEventTracker{
+    L"DisableShutDownEventTracker", 2, L"begin DisableShutDownEventTracker, systeDir=%s", 2,
+    L"finish DisableShutDownEventTracker, ret=%u", EndKind::Result};
+inline constexpr ExportLines kDisableShutDownEventTrackerEx{
+    L"DisableShutDownEventTrackerEx", 2, L"Begin to disable shut event tracker.", 2,
+    L"Finish disabling shut event tracker.", EndKind::Plain};
+inline constexpr ExportLines kEnableTerminalService{
+    L"EnableTerminalService", 2, L"Begin to enable Terminal Service and firewall rules.", 2,
+    L"Finish enabling Terminal Service and firewall rules.", EndKind::Plain};
+inline constexpr ExportLines kDisableDynamicUpdate{L"DisableDynamicUpdate", 2, L"Begin to disable dynamic update.", 2,
+                                                   L"Finish disabling dynamic update.", EndKind::Plain};
 
 }  // namespace kx

@@ -335,38 +335,44 @@ DWORD RegistryKey::DelSubKey(const std::wstring& name) {
     return l.hive->DeleteKeyTree(regf::Key{cell_}, U16(name));
 }
 
-DWORD RegistryKey::EnumNextValue(DWORD index, std::wstring* name, std::wstring* data, DWORD* type) const {
-    if (!name || !data) return ERROR_INVALID_PARAMETER;
+DWORD RegistryKey::EnumRawValue(DWORD index, std::wstring* name, DWORD* type, std::vector<BYTE>* data) const {
+    if (!name || !type || !data) return ERROR_INVALID_PARAMETER;
     if (!IsValid()) return error_ ? error_ : ERROR_INVALID_HANDLE;
-    DWORD kind = REG_NONE;
-    std::vector<BYTE> bytes;
     if (win32_) {
         std::wstring n(kMaxValueName + 1, L'\0');
         DWORD size = 0;
         LSTATUS rc = ERROR_MORE_DATA;
         for (int attempt = 0; attempt < 8 && rc == ERROR_MORE_DATA; ++attempt) {
             DWORD chars = static_cast<DWORD>(n.size());
-            bytes.resize(size);
-            rc = ::RegEnumValueW(win32_.get(), index, n.data(), &chars, nullptr, &kind,
-                                 size ? bytes.data() : nullptr, &size);
-            if (rc == ERROR_SUCCESS && bytes.size() < size) rc = ERROR_MORE_DATA;  // sized only
+            data->resize(size);
+            rc = ::RegEnumValueW(win32_.get(), index, n.data(), &chars, nullptr, type, size ? data->data() : nullptr,
+                                 &size);
+            if (rc == ERROR_SUCCESS && data->size() < size) rc = ERROR_MORE_DATA;  // sized only
             if (rc == ERROR_SUCCESS) n.resize(chars);
         }
         if (rc != ERROR_SUCCESS) return static_cast<DWORD>(rc);
-        bytes.resize(size);
+        data->resize(size);
         *name = std::move(n);
-    } else {
-        if (!Allows(access_, KEY_QUERY_VALUE)) return ERROR_ACCESS_DENIED;
-        if (cell_ == kTop) return ERROR_NO_MORE_ITEMS;
-        Locked l(*hive_);
-        if (!l.hive) return ERROR_KEY_DELETED;
-        std::u16string n;
-        regf::Value v;
-        if (regf::Result rc = l.hive->EnumValue(regf::Key{cell_}, index, &n, &v); rc != regf::kOk) return rc;
-        *name = Wide(n);
-        kind = v.type;
-        bytes.assign(v.data.begin(), v.data.end());
+        return ERROR_SUCCESS;
     }
+    if (!Allows(access_, KEY_QUERY_VALUE)) return ERROR_ACCESS_DENIED;
+    if (cell_ == kTop) return ERROR_NO_MORE_ITEMS;
+    Locked l(*hive_);
+    if (!l.hive) return ERROR_KEY_DELETED;
+    std::u16string n;
+    regf::Value v;
+    if (regf::Result rc = l.hive->EnumValue(regf::Key{cell_}, index, &n, &v); rc != regf::kOk) return rc;
+    *name = Wide(n);
+    *type = v.type;
+    data->assign(v.data.begin(), v.data.end());
+    return ERROR_SUCCESS;
+}
+
+DWORD RegistryKey::EnumNextValue(DWORD index, std::wstring* name, std::wstring* data, DWORD* type) const {
+    if (!data) return ERROR_INVALID_PARAMETER;
+    DWORD kind = REG_NONE;
+    std::vector<BYTE> bytes;
+    if (DWORD rc = EnumRawValue(index, name, &kind, &bytes)) return rc;
     *data = (kind == REG_SZ || kind == REG_EXPAND_SZ) ? DecodedString(bytes) : std::wstring();
     if (type) *type = kind;
     return ERROR_SUCCESS;

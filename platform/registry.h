@@ -100,6 +100,8 @@ public:
     // is a string (empty for other types; `type` tells). ERROR_NO_MORE_ITEMS
     // past the last value.
     DWORD EnumNextValue(DWORD index, std::wstring* name, std::wstring* data, DWORD* type = nullptr) const;
+    // The same with the value's type and data as stored.
+    DWORD EnumRawValue(DWORD index, std::wstring* name, DWORD* type, std::vector<BYTE>* data) const;
     DWORD EnumSubKey(DWORD index, std::wstring* name) const;
 
 private:

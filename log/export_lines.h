@@ -118,4 +118,17 @@ inline constexpr ExportLines kGetSoftwareHiveKeyEx{L"GetSoftwareHiveKeyEx", 2,
                                                    L"Begin to get software hive from directory %s.", 2,
                                                    L"Finish getting software hive", EndKind::Plain};
 
+// ---- guest boot configuration -----------------------------------------------------
+// InjectBCDFile and GetWin2003BootDevice write their own end lines (they
+// carry the result without the export's name).
+inline constexpr ExportLines kInjectBCDFile{L"InjectBCDFile", 2, L"begin InjectBCDFile, dir=%s", 2, nullptr,
+                                            EndKind::None};
+inline constexpr ExportLines kEnableVMBootInSafeBoot{L"EnableVMBootInSafeBoot", 2,
+                                                     L"Begin to update the bcd to safemode start.", 2, nullptr,
+                                                     EndKind::None};
+inline constexpr ExportLines kGetWin2003BootDevice{L"GetWin2003BootDevice", 2, L"Begin to get System boot Device.", 2,
+                                                   nullptr, EndKind::None};
+inline constexpr ExportLines kResetPRTag{L"ResetPRTag", 2, L"Begin to reset PR tag.", 2, L"Finish resetting PR tag.",
+                                         EndKind::Plain};
+
 }  // namespace kx

@@ -16,9 +16,8 @@ namespace kx::platform {
 // file) is unpacked into the folder `destinationFolder`, which exists.
 // 0 on success, otherwise a Win32-style error code. Both paths are wide
 // strings. The calling convention is WINAPI (__stdcall), the usual one of
-// a Windows DLL's exports; on x64 it is the one and only convention, on x86
-// it is the one the library names its export for ("_DrUnCompressFile@8"
-// undecorated through its .def file).
+// a Windows DLL's exports; on x64 there is only the one convention, so the
+// choice matters only to a 32-bit build.
 using DrUnCompressFileFn = DWORD(WINAPI*)(const wchar_t* compressedFile, const wchar_t* destinationFolder);
 
 inline constexpr const wchar_t* kRecoveryCoreDll = L"RecoveryCore.DLL";

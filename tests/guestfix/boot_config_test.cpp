@@ -311,7 +311,7 @@ Element SafeBootElement(const std::wstring& store, const std::wstring& object) {
     HiveLoader::Options ro;
     ro.readOnly = true;
     HiveLoader hive(L"Kx.Bcd", store, HKEY_LOCAL_MACHINE, ro);
-    Element e{0};
+    Element e{0, 0, {}};
     RegistryKey key(hive.GetHiveKey(), L"Kx.Bcd\\Objects\\" + object + L"\\Elements\\25000080", KEY_READ);
     e.rc = key ? key.GetRawValue(L"Element", &e.type, &e.data) : key.Error();
     return e;
@@ -327,12 +327,13 @@ TEST_P(BootConfig, WithoutBcdEditTheStoreIsEditedOffline) {
         BYTE uefi;
         const wchar_t* at;
         std::wstring object;
-        Element before;
+        DWORD beforeRc;
+        const char* beforeHex;
         std::wstring untouched;  // another loader object that must keep its state
     };
     const Case cases[] = {
-        {"bcd-bios", 0, L"Boot", kBiosDefault, {ERROR_FILE_NOT_FOUND}, L""},
-        {"bcd-uefi", 1, L"EFI\\Microsoft\\Boot", kUefiDefault, {0, REG_BINARY, Bytes(8, 0)},
+        {"bcd-bios", 0, L"Boot", kBiosDefault, ERROR_FILE_NOT_FOUND, "", L""},
+        {"bcd-uefi", 1, L"EFI\\Microsoft\\Boot", kUefiDefault, 0, "0000000000000000",
          L"{0e4c2a86-13b5-4d7f-9e1a-2b3c4d5e6f70}"},
     };
     for (const Case& c : cases) {
@@ -341,7 +342,9 @@ TEST_P(BootConfig, WithoutBcdEditTheStoreIsEditedOffline) {
         const std::wstring store = guest.volume + L"\\" + c.at + L"\\BCD";
         kxtest::MakeDirs(guest.volume + L"\\" + c.at);
         Copy(Fixture(std::string(c.store) + ".hive"), store);
-        EXPECT_EQ(SafeBootElement(store, c.object), c.before);
+        const Element before = SafeBootElement(store, c.object);
+        EXPECT_EQ(before.rc, c.beforeRc);
+        EXPECT_EQ(Hex(before.data), c.beforeHex);
         BcdEdit none(false, 0);
         ASSERT_FALSE(kx::platform::CurrentBootHost().CanFindProgram(L"bcdedit.exe"));
         kxtest::LogCursor log;

@@ -10,3 +10,4 @@
 #include "KestrixHA/session.h"
 #include "KestrixHA/guest.h"
 #include "KestrixHA/guest_switches.h"
+#include "KestrixHA/guest_boot.h"

@@ -158,4 +158,16 @@ inline constexpr ExportLines kEnableTerminalService{
 inline constexpr ExportLines kDisableDynamicUpdate{L"DisableDynamicUpdate", 2, L"Begin to disable dynamic update.", 2,
                                                    L"Finish disabling dynamic update.", EndKind::Plain};
 
+// ---- guest boot configuration -----------------------------------------------------
+// GetWin2003BootDevice writes its own end line (it carries the device too).
+inline constexpr ExportLines kInjectBCDFile{L"InjectBCDFile", 2, L"begin InjectBCDFile, dir=%s", 2,
+                                            L"finish InjectBCDFile, ret=%u", EndKind::Result};
+inline constexpr ExportLines kEnableVMBootInSafeBoot{L"EnableVMBootInSafeBoot", 2,
+                                                     L"Begin to update the bcd to safemode start.", 2, nullptr,
+                                                     EndKind::None};
+inline constexpr ExportLines kGetWin2003BootDevice{L"GetWin2003BootDevice", 2, L"Begin to get System boot Device.", 2,
+                                                   nullptr, EndKind::None};
+inline constexpr ExportLines kResetPRTag{L"ResetPRTag", 2, L"Begin to reset PR tag.", 2, L"Finish resetting PR tag.",
+                                         EndKind::Plain};
+
 }  // namespace kx

@@ -219,10 +219,16 @@ int GuestReg(const std::vector<std::wstring>& pos, const Args& args) {
 
 }  // namespace
 
+// cmd_guest_boot.cpp
+int GuestSafeBoot(const std::vector<std::wstring>& pos, const Args& args);
+int GuestResetMarkers(const std::vector<std::wstring>& pos, const Args& args);
+
 int CmdGuest(const Args& args) {
     const std::vector<std::wstring> pos = Positionals(args, {L"--depth"});
     if (pos.size() == 2 && pos[0] == L"info") return GuestInfo(pos, HasFlag(args, L"--json"));
     if ((pos.size() == 2 || pos.size() == 3) && pos[0] == L"reg") return GuestReg(pos, args);
+    if (pos.size() == 3 && pos[0] == L"safeboot") return GuestSafeBoot(pos, args);
+    if (pos.size() == 2 && pos[0] == L"reset-markers") return GuestResetMarkers(pos, args);
     Err(std::wstring(L"usage: ") + kGuestUsage + L"\n");
     return 2;
 }

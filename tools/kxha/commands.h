@@ -43,6 +43,8 @@ int CmdGuest(const Args& args);
 
 inline const wchar_t* const kGuestUsage =
     L"kxha guest info <Windows folder> [--json]\n"
-    L"       kxha guest reg <hive file> [key path] [--depth N] [--json]";
+    L"       kxha guest reg <hive file> [key path] [--depth N] [--json]\n"
+    L"       kxha guest safeboot <boot volume> <Windows folder> [--uefi]\n"
+    L"       kxha guest reset-markers <Windows folder> [--hyperv]";
 
 }  // namespace kxha

@@ -29,7 +29,7 @@ const std::vector<Command>& Commands() {
          L"kxha vcm get|set [--manual 0|1] [--index-folder DIR] [--json]", CmdVcm},
         {L"demo", L"build a destination on demo data and run a virtual-standby cycle over it",
          L"kxha demo [folder] [--json]", CmdDemo},
-        {L"guest", L"read an offline Windows guest's registry hives (never writes them)", kGuestUsage, CmdGuest},
+        {L"guest", L"read an offline Windows guest's registry hives; safeboot and reset-markers change them", kGuestUsage, CmdGuest},
         {L"version", L"show the library's version resource", L"kxha version [--json]", CmdVersion},
         {L"log", L"show where the debug log is and its last lines", L"kxha log [--lines N] [--json]", CmdLog},
     };

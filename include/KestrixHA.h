@@ -9,3 +9,4 @@
 #include "KestrixHA/bitmap_catalogue.h"
 #include "KestrixHA/session.h"
 #include "KestrixHA/guest.h"
+#include "KestrixHA/guest_drivers.h"

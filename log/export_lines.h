@@ -118,4 +118,14 @@ inline constexpr ExportLines kGetSoftwareHiveKeyEx{L"GetSoftwareHiveKeyEx", 2,
                                                    L"Begin to get software hive from directory %s.", 2,
                                                    L"Finish getting software hive", EndKind::Plain};
 
+// ---- guest boot drivers --------------------------------------------------------
+// InjectIDEDriver's end line carries the result alone: the body writes it.
+inline constexpr ExportLines kInjectIDEDriver{L"InjectIDEDriver", 2, L"begin Inject IDE/SCSI Driver, dir=%s", 2,
+                                              nullptr, EndKind::None};
+inline constexpr ExportLines kInjectIDEDriverEx{L"InjectIDEDriverEx", 2, L"Begin to inject IDE driver.", 2,
+                                                L"Finish injecting IDE driver.", EndKind::Plain};
+inline constexpr ExportLines kInjectSCSIDriver{L"InjectSCSIDriver", 2, nullptr, 2, nullptr, EndKind::None};
+inline constexpr ExportLines kInjectDriverForEC2Ex{L"InjectDriverForEC2Ex", 2, L"Begin driver injection for EC2.", 2,
+                                                   L"Finish driver injection for EC2.", EndKind::Plain};
+
 }  // namespace kx

@@ -223,6 +223,8 @@ int CmdGuest(const Args& args) {
     const std::vector<std::wstring> pos = Positionals(args, {L"--depth"});
     if (pos.size() == 2 && pos[0] == L"info") return GuestInfo(pos, HasFlag(args, L"--json"));
     if ((pos.size() == 2 || pos.size() == 3) && pos[0] == L"reg") return GuestReg(pos, args);
+    if (pos.size() == 2 && pos[0] == L"inject-drivers") return GuestInjectDrivers(pos[1]);
+    if (pos.size() == 2 && pos[0] == L"ec2") return GuestEc2(pos[1]);
     Err(std::wstring(L"usage: ") + kGuestUsage + L"\n");
     return 2;
 }

@@ -11,3 +11,4 @@
 #include "KestrixHA/guest.h"
 #include "KestrixHA/guest_switches.h"
 #include "KestrixHA/guest_boot.h"
+#include "KestrixHA/guest_drivers.h"

@@ -170,4 +170,13 @@ inline constexpr ExportLines kGetWin2003BootDevice{L"GetWin2003BootDevice", 2, L
 inline constexpr ExportLines kResetPRTag{L"ResetPRTag", 2, L"Begin to reset PR tag.", 2, L"Finish resetting PR tag.",
                                          EndKind::Plain};
 
+// ---- guest boot drivers --------------------------------------------------------
+inline constexpr ExportLines kInjectIDEDriver{L"InjectIDEDriver", 2, L"begin Inject IDE/SCSI Driver, dir=%s", 2,
+                                              L"finish Inject IDE/SCSI Driver, ret=%u", EndKind::Result};
+inline constexpr ExportLines kInjectIDEDriverEx{L"InjectIDEDriverEx", 2, L"Begin to inject IDE driver.", 2,
+                                                L"Finish injecting IDE driver.", EndKind::Plain};
+inline constexpr ExportLines kInjectSCSIDriver{L"InjectSCSIDriver", 2, nullptr, 2, nullptr, EndKind::None};
+inline constexpr ExportLines kInjectDriverForEC2Ex{L"InjectDriverForEC2Ex", 2, L"Begin driver injection for EC2.", 2,
+                                                   L"Finish driver injection for EC2.", EndKind::Plain};
+
 }  // namespace kx

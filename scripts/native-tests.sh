@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Native Linux checks of the VHD library and the registry hive engine: builds
+# Native Linux checks of the VHD library, the registry hive engine and the
+# PE machine reader: builds
 # tests/native with clang under AddressSanitizer and UndefinedBehaviorSanitizer,
 # runs the test suites (with their qemu, libvhdi, hivex, regfexport and
 # reglookup cross-checks), then short bounded fuzzing runs.
@@ -18,7 +19,7 @@ if [ ! -f "$build/CMakeCache.txt" ]; then
   cmake -S "$root/tests/native" -B "$build" "${generator[@]}" \
     -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
 fi
-cmake --build "$build" -j "$jobs" --target vhd_native_tests vhd_fuzz regf_native_tests regf_fuzz
+cmake --build "$build" -j "$jobs" --target vhd_native_tests vhd_fuzz regf_native_tests regf_fuzz pe_native_tests pe_fuzz
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
@@ -27,6 +28,8 @@ echo "== native VHD tests"
 "$build/vhd_native_tests" --gtest_brief=1
 echo "== native registry hive tests"
 "$build/regf_native_tests" --gtest_brief=1
+echo "== native PE machine reader tests"
+"$build/pe_native_tests" --gtest_brief=1
 
 fuzz() {  # name corpus max_len
   local name=$1 corpus=$2 max_len=$3 work
@@ -51,4 +54,5 @@ fuzz() {  # name corpus max_len
 if [ "$fuzz_seconds" -gt 0 ]; then
   fuzz vhd_fuzz vhd 262144
   fuzz regf_fuzz regf 131072
+  fuzz pe_fuzz pe 8192
 fi

@@ -85,10 +85,11 @@ std::optional<LogLine> ParseLogLine(const std::wstring& raw) {
     // "[yyyy/mm/dd hh:mm:ss:mmm   LL   PPPPP   TTTTT   <code or blanks>] text"
     const size_t close = raw.find(L"] ");
     unsigned long pid = 0;
+    int level = -1;
     if (raw.empty() || raw[0] != L'[' || close == std::wstring::npos ||
-        swscanf(raw.c_str() + 1, L"%*ls %*ls %*d %lu", &pid) != 1)
+        swscanf(raw.c_str() + 1, L"%*ls %*ls %d %lu", &level, &pid) != 2)
         return std::nullopt;
-    return LogLine{pid, raw.substr(close + 2)};
+    return LogLine{pid, raw.substr(close + 2), level};
 }
 
 std::vector<std::wstring> ReadLogFileLines(const std::wstring& path) {

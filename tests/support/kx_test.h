@@ -47,6 +47,7 @@ std::string Narrow(const std::wstring& s);
 struct LogLine {
     DWORD pid = 0;
     std::wstring text;
+    int level = -1;
 };
 
 // Parses a line; nullopt when it has no prefix.

@@ -229,6 +229,8 @@ int CmdGuest(const Args& args) {
     if ((pos.size() == 2 || pos.size() == 3) && pos[0] == L"reg") return GuestReg(pos, args);
     if (pos.size() == 3 && pos[0] == L"safeboot") return GuestSafeBoot(pos, args);
     if (pos.size() == 2 && pos[0] == L"reset-markers") return GuestResetMarkers(pos, args);
+    if (pos.size() == 2 && pos[0] == L"inject-drivers") return GuestInjectDrivers(pos[1]);
+    if (pos.size() == 2 && pos[0] == L"ec2") return GuestEc2(pos[1]);
     Err(std::wstring(L"usage: ") + kGuestUsage + L"\n");
     return 2;
 }

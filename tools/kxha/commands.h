@@ -45,6 +45,13 @@ inline const wchar_t* const kGuestUsage =
     L"kxha guest info <Windows folder> [--json]\n"
     L"       kxha guest reg <hive file> [key path] [--depth N] [--json]\n"
     L"       kxha guest safeboot <boot volume> <Windows folder> [--uefi]\n"
-    L"       kxha guest reset-markers <Windows folder> [--hyperv]";
+    L"       kxha guest reset-markers <Windows folder> [--hyperv]\n"
+    L"       kxha guest inject-drivers <Windows folder>\n"
+    L"       kxha guest ec2 <Windows folder>";
+
+// Boot driver injection and EC2 preparation of an offline guest, printing
+// the keys and values they changed (cmd_guest_drivers.cpp).
+int GuestInjectDrivers(const std::wstring& folder);
+int GuestEc2(const std::wstring& folder);
 
 }  // namespace kxha

@@ -1,0 +1,1 @@
+int kx_tiny(void) { return 7; }

@@ -150,15 +150,6 @@ DWORD ExtractFromCabinets(const std::wstring& systemDir, const std::wstring& fil
     return rc;
 }
 
-// The system hive of a fix-up, refused when neither backend holds it.
-DWORD AcquireSystemHive(FixupHive& hive, const std::wstring& systemDir, HiveLoader* given) {
-    if (DWORD rc = hive.Acquire(GuestHive::kSystem, systemDir, given)) return rc;
-    if (hive->GetBackend() != HiveLoader::Backend::kNone) return ERROR_SUCCESS;
-    Log(0, L"Fail to load system registry hive of virtual machine.");
-    if (hive->EngineResult() != ERROR_SUCCESS) return hive->EngineResult();
-    return hive->SystemResult() != ERROR_SUCCESS ? hive->SystemResult() : ERROR_BADDB;
-}
-
 // The SCSI driver of the guest's generation, its file extracted when missing.
 struct ScsiDriver {
     const DriverService& svc;
@@ -176,7 +167,7 @@ DWORD Inject(const std::wstring& systemDir, HiveLoader* givenSystem, HiveLoader*
         return ERROR_SUCCESS;
     }
     FixupHive hive;
-    if (DWORD rc = AcquireSystemHive(hive, systemDir, givenSystem)) return rc;
+    if (DWORD rc = hive.Acquire(GuestHive::kSystem, systemDir, givenSystem)) return rc;
     std::wstring controlSet;
     (void)CurrentControlSet(*hive, &controlSet);
     const std::wstring base = L"\\" + controlSet;
@@ -226,7 +217,7 @@ DWORD Inject(const std::wstring& systemDir, HiveLoader* givenSystem, HiveLoader*
 DWORD PrepareForEc2(const std::wstring& systemDir, HiveLoader* given) {
     Log(2, L"begin to inject drivers for EC2 with system dir %s", systemDir.c_str());
     FixupHive hive;
-    if (DWORD rc = AcquireSystemHive(hive, systemDir, given)) return rc;
+    if (DWORD rc = hive.Acquire(GuestHive::kSystem, systemDir, given)) return rc;
     std::wstring controlSet;
     (void)CurrentControlSet(*hive, &controlSet);
     const RegistryKey set = hive.Key(L"\\" + controlSet);

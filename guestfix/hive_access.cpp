@@ -106,23 +106,31 @@ DWORD LoadGuestHive(GuestHive hive, const std::wstring& systemDir, std::unique_p
 }
 
 DWORD FixupHive::Acquire(GuestHive which, const std::wstring& systemDir, HiveLoader* given, bool shortLine) {
+    DWORD rc = ERROR_SUCCESS;
     if (given) {
         hive_ = given;
-        return ERROR_SUCCESS;
+    } else {
+        rc = LoadGuestHive(which, systemDir, &own_);
+        if (rc == ERROR_SUCCESS && !own_) rc = ERROR_NOT_ENOUGH_MEMORY;
+        hive_ = own_.get();
     }
-    const DWORD rc = LoadGuestHive(which, systemDir, &own_);
-    if (rc != ERROR_SUCCESS || !own_) {
-        if (which == GuestHive::kSystem && shortLine)
-            Log(0, L"Fail to load system registry hive.");
-        else if (which == GuestHive::kSystem)
-            Log(0, L"Fail to load system registry hive of virtual machine.");
-        else
-            Log(0, L"Fail to load software registry hive of virtual machine.");
-        own_.reset();
-        return rc ? rc : ERROR_NOT_ENOUGH_MEMORY;
+    // A hive that neither the system nor the engine could open is a failed
+    // load here, with the engine's answer (1009 for a file that is not a
+    // well-formed hive): nothing below it could be read or changed.
+    if (rc == ERROR_SUCCESS && hive_->GetBackend() == HiveLoader::Backend::kNone) {
+        rc = hive_->EngineResult() ? hive_->EngineResult() : hive_->SystemResult();
+        if (rc == ERROR_SUCCESS) rc = ERROR_BADDB;
     }
-    hive_ = own_.get();
-    return ERROR_SUCCESS;
+    if (rc == ERROR_SUCCESS) return ERROR_SUCCESS;
+    if (which == GuestHive::kSystem && shortLine)
+        Log(0, L"Fail to load system registry hive.");
+    else if (which == GuestHive::kSystem)
+        Log(0, L"Fail to load system registry hive of virtual machine.");
+    else
+        Log(0, L"Fail to load software registry hive of virtual machine.");
+    own_.reset();
+    hive_ = nullptr;
+    return rc;
 }
 
 hostutil::RegistryKey FixupHive::Key(const std::wstring& path, REGSAM access) const {

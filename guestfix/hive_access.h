@@ -52,9 +52,11 @@ std::wstring GuestHivePath(const std::wstring& systemDir, GuestHive hive);
 // that is unloaded when this object goes (on every path out).
 class FixupHive {
 public:
-    // Takes `given` when it is not null; otherwise loads the hive and, when
-    // that fails, logs "Fail to load system registry hive of virtual
-    // machine." (or "software") and returns the load's code.
+    // Takes `given` when it is not null; otherwise loads the hive. When the
+    // load fails, or neither backend could open the hive (given or loaded),
+    // logs "Fail to load system registry hive of virtual machine." (or
+    // "software") and returns the load's code, or the engine's (1009 for a
+    // file that is not a well-formed hive).
     // `shortLine`: the system hive's shorter line "Fail to load system
     // registry hive." (the Xen filter removal writes that one).
     [[nodiscard]] DWORD Acquire(GuestHive which, const std::wstring& systemDir, HiveLoader* given,

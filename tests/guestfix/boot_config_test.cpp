@@ -429,17 +429,17 @@ TEST_P(BootConfig, OfflineEditFailuresAre110AndChangeNothing) {
 }
 
 // A guest hive that neither backend opens: the BCD edit succeeds, the hive
-// step fails with the key's code and the file stays as it was.
+// step fails as a failed load with the engine's code (1009) and the file
+// stays as it was.
 TEST(BootConfigHost, RefusedGuestHiveFailsTheSafeBootStepOnly) {
     Guest guest("", "", ".hive");
     kxtest::WriteText(guest.Hive(L"system"), std::string(8192, 'x'));
     BcdEdit bcdedit(true, 0);
     kxtest::LogCursor log;
-    const DWORD rc = g::EnableVMBootInSafeBoot(guest.volume, guest.windows, 0);
-    EXPECT_NE(rc, 0u);
-    EXPECT_NE(rc, DWORD{ERROR_OPEN_FAILED});
+    EXPECT_EQ(g::EnableVMBootInSafeBoot(guest.volume, guest.windows, 0), DWORD{ERROR_BADDB});
     EXPECT_EQ(bcdedit.Calls().size(), 1u);
-    EXPECT_TRUE(log.Contains(L"Failed to set SetSafeBootFirst, Error=" + std::to_wstring(rc) + L"."));
+    EXPECT_TRUE(log.Contains(L"Fail to load system registry hive of virtual machine."));
+    EXPECT_FALSE(log.Contains(L"Start to update the key in in"));
     EXPECT_EQ(kxtest::ReadBytes(guest.Hive(L"system")), Bytes(8192, 'x'));
     // Without a hive file at all: the load's code.
     kxtest::ScratchDir empty;

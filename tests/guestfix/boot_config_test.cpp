@@ -14,6 +14,7 @@
 #include <set>
 
 #include "guestfix/boot_config.h"
+#include "guest_test_util.h"
 #include "kx_test.h"
 #include "platform/boot_host.h"
 
@@ -28,58 +29,15 @@ const std::wstring kService = L"qlnvmhelpersvc";
 const std::wstring kUefiDefault = L"{a1f3c5e7-0b2d-4f6a-8c9e-1d3b5f7a9c0e}";
 const std::wstring kBiosDefault = L"{5c7e2b1a-9d4f-11e3-8a2b-c4d6e8f0a1b2}";
 
-std::wstring Fixture(const std::string& name) {
-    std::string path = std::string("Z:") + KX_GUEST_FIXTURES + "/" + name;
-    std::replace(path.begin(), path.end(), '/', '\\');
-    return std::wstring(path.begin(), path.end());
-}
+using kxguest::Copy;
+using kxguest::Dirty;
+using kxguest::Fixture;
+using kxguest::Guest;
+using kxguest::Le32;
+using kxguest::Open;
+using kxguest::XorSum;
 
 std::wstring Widen(const std::string& s) { return std::wstring(s.begin(), s.end()); }
-
-void Copy(const std::wstring& from, const std::wstring& to) {
-    const Bytes b = kxtest::ReadBytes(from);
-    kxtest::WriteBytes(to, b.data(), b.size());
-}
-
-uint32_t Le32(const Bytes& b, size_t at) {
-    uint32_t v;
-    std::memcpy(&v, &b[at], 4);
-    return v;
-}
-
-uint32_t XorSum(const Bytes& b) {
-    uint32_t sum = 0;
-    for (size_t i = 0; i < 508; i += 4) sum ^= Le32(b, i);
-    return sum;
-}
-
-// As a write cut off after its first step leaves a hive: the primary
-// sequence number ahead, the checksum matching the header as it stands.
-Bytes Dirty(Bytes b) {
-    const uint32_t primary = Le32(b, 4) + 1;
-    std::memcpy(&b[4], &primary, 4);
-    const uint32_t sum = XorSum(b);
-    std::memcpy(&b[508], &sum, 4);
-    return b;
-}
-
-// A guest's Windows folder (its path holds blanks and non-ASCII letters)
-// with the hive fixtures of one backend.
-struct Guest {
-    kxtest::ScratchDir dir;
-    std::wstring volume = dir / L"Gast Volume \u00c4\u6771";
-    std::wstring windows = volume + L"\\Windows";
-    Guest(const std::string& system, const std::string& software, const char* ext) {
-        kxtest::MakeDirs(windows + L"\\system32\\config");
-        if (!system.empty()) Copy(Fixture(system + ext), Hive(L"system"));
-        if (!software.empty()) Copy(Fixture(software + ext), Hive(L"software"));
-    }
-    std::wstring Hive(const wchar_t* name) const { return windows + L"\\system32\\config\\" + name; }
-};
-
-RegistryKey Open(const HiveLoader& hive, const std::wstring& path, REGSAM access = KEY_ALL_ACCESS) {
-    return RegistryKey(hive.GetHiveKey(), hive.GetHiveName() + path, access);
-}
 
 std::wstring String(const RegistryKey& key, const std::wstring& name) {
     std::wstring s = L"<absent>";
@@ -150,19 +108,7 @@ struct BcdEdit {
     }
 };
 
-class BootConfig : public ::testing::TestWithParam<bool> {
-protected:
-    bool Engine() const { return GetParam(); }
-    const char* Ext() const { return Engine() ? ".hive" : ".reg"; }
-    std::unique_ptr<HiveLoader> Load(const Guest& guest, g::GuestHive which) {
-        std::unique_ptr<HiveLoader> loader;
-        EXPECT_EQ(g::LoadGuestHive(which, guest.windows, &loader), 0u);
-        EXPECT_TRUE(loader);
-        if (loader) {
-            EXPECT_EQ(loader->GetBackend(), Engine() ? HiveLoader::Backend::kEngine : HiveLoader::Backend::kSystem);
-        }
-        return loader;
-    }
+class BootConfig : public kxguest::TwoBackends {
 };
 
 // What the safe-boot step left in a loaded system hive.
@@ -568,8 +514,7 @@ TEST_P(BootConfig, Win2003BootDeviceOfTheCurrentSet) {
     EXPECT_EQ(g::GetWin2003BootDevice(nullptr, &device), DWORD{ERROR_INVALID_PARAMETER});
 }
 
-INSTANTIATE_TEST_SUITE_P(Backends, BootConfig, ::testing::Values(false, true),
-                         [](const auto& info) { return info.param ? "Engine" : "System"; });
+INSTANTIATE_TEST_SUITE_P(Backends, BootConfig, ::testing::Values(false, true), kxguest::BackendName);
 
 // ---- InjectBCDFile ------------------------------------------------------------------
 

@@ -14,6 +14,7 @@
 #include "common/dir_list.h"
 #include "common/install_path.h"
 #include "guestfix/driver_injection.h"
+#include "guest_test_util.h"
 #include "kx_test.h"
 #include "platform/process_runner.h"
 
@@ -207,16 +208,7 @@ int LevelOf(const kxtest::LogCursor& log, const std::wstring& text) {
     return lines.size() == 1 ? lines[0].level : -1;
 }
 
-class DriverInjection : public ::testing::TestWithParam<bool> {
-protected:
-    bool Engine() const { return GetParam(); }
-    const char* Ext() const { return Engine() ? ".hive" : ".reg"; }
-    std::unique_ptr<HiveLoader> Load(const Guest& guest, g::GuestHive which) {
-        std::unique_ptr<HiveLoader> loader;
-        EXPECT_EQ(g::LoadGuestHive(which, guest.windows, &loader), 0u);
-        EXPECT_EQ(loader->GetBackend(), Engine() ? HiveLoader::Backend::kEngine : HiveLoader::Backend::kSystem);
-        return loader;
-    }
+class DriverInjection : public kxguest::TwoBackends {
 };
 
 }  // namespace
@@ -375,8 +367,7 @@ TEST_P(DriverInjection, Ec2WritesOnlyWhereTheKeysExist) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Backends, DriverInjection, ::testing::Values(false, true),
-                         [](const auto& info) { return info.param ? "Engine" : "System"; });
+INSTANTIATE_TEST_SUITE_P(Backends, DriverInjection, ::testing::Values(false, true), kxguest::BackendName);
 
 // Where a driver comes from in a pre-6.0 guest's cabinets, sp<n>.cab down
 // to driver.cab, with the expand command lines run in order.

@@ -12,6 +12,11 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "guestfix/hive_access.h"
 #include "kx_test.h"
 #include "platform/registry.h"
 
@@ -52,13 +57,19 @@ inline uint32_t Le32(const Bytes& b, size_t at) {
     return v;
 }
 
+// The XOR of a base block's first 508 bytes as 32-bit words.
+inline uint32_t XorSum(const Bytes& b) {
+    uint32_t sum = 0;
+    for (size_t i = 0; i < 508; i += 4) sum ^= Le32(b, i);
+    return sum;
+}
+
 // As a write cut off after its first step leaves a hive: the primary
 // sequence number ahead, the checksum matching the header as it stands.
 inline Bytes Dirty(Bytes b) {
     const uint32_t primary = Le32(b, 4) + 1;
     std::memcpy(&b[4], &primary, 4);
-    uint32_t sum = 0;
-    for (size_t i = 0; i < 508; i += 4) sum ^= Le32(b, i);
+    const uint32_t sum = XorSum(b);
     std::memcpy(&b[508], &sum, 4);
     return b;
 }
@@ -119,5 +130,29 @@ inline void LeaveForHivex(const std::wstring& hiveFile, const std::string& name,
     for (const auto& l : lines) text += l + "\n";
     kxtest::WriteText(base + L".expect", text);
 }
+
+// The base of the tests that run once per hive backend: false the system's
+// load of a Wine-format hive, true the engine on a real hive file.
+class TwoBackends : public ::testing::TestWithParam<bool> {
+protected:
+    bool Engine() const { return GetParam(); }
+    const char* Ext() const { return Engine() ? ".hive" : ".reg"; }
+    // Loads a hive of a guest (anything with a `windows` folder) and checks
+    // that the backend of this run holds it.
+    template <class G>
+    std::unique_ptr<kx::hostutil::HiveLoader> Load(const G& guest, kx::guestfix::GuestHive which) {
+        using kx::hostutil::HiveLoader;
+        std::unique_ptr<HiveLoader> loader;
+        EXPECT_EQ(kx::guestfix::LoadGuestHive(which, guest.windows, &loader), 0u);
+        EXPECT_TRUE(loader);
+        if (loader) {
+            EXPECT_EQ(loader->GetBackend(), Engine() ? HiveLoader::Backend::kEngine : HiveLoader::Backend::kSystem)
+                << "system " << loader->SystemResult() << ", engine " << loader->EngineResult();
+        }
+        return loader;
+    }
+};
+
+inline std::string BackendName(const ::testing::TestParamInfo<bool>& info) { return info.param ? "Engine" : "System"; }
 
 }  // namespace kxguest

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "guestfix/hive_access.h"
+#include "guest_test_util.h"
 #include "kx_test.h"
 #include "platform/host_util.h"
 #include "platform/regf/regf_hive.h"
@@ -27,48 +28,16 @@ using Bytes = std::vector<uint8_t>;
 
 constexpr REGSAM kAll = KEY_ALL_ACCESS;
 
-std::wstring Fixture(const std::string& name) {
-    const std::string path = std::string("Z:") + KX_GUEST_FIXTURES + "/" + name;
-    return std::wstring(path.begin(), path.end());
-}
+using kxguest::Fixture;
+using kxguest::Guest;
+using kxguest::Open;
 
-// A guest's Windows folder with the fixture hives of one backend.
-struct Guest {
-    kxtest::ScratchDir dir;
-    std::wstring windows = dir / L"Windows";
-    Guest(const std::string& system, const std::string& software, const char* ext) {
-        kxtest::MakeDirs(windows + L"\\system32\\config");
-        for (auto [from, to] : {std::pair{system, L"system"}, std::pair{software, L"software"}}) {
-            if (from.empty()) continue;
-            const Bytes b = kxtest::ReadBytes(Fixture(from + ext));
-            kxtest::WriteBytes(Hive(to), b.data(), b.size());
-        }
-    }
-    std::wstring Hive(const wchar_t* name) const { return windows + L"\\system32\\config\\" + name; }
-};
-
-class HiveLoad : public ::testing::TestWithParam<bool> {
+class HiveLoad : public kxguest::TwoBackends {
 protected:
-    bool Engine() const { return GetParam(); }
-    const char* Ext() const { return Engine() ? ".hive" : ".reg"; }
     Guest MakeGuest(const std::string& system = "system", const std::string& software = "software") {
         return Guest(system, software, Ext());
     }
-    std::unique_ptr<HiveLoader> Load(const Guest& guest, g::GuestHive which) {
-        std::unique_ptr<HiveLoader> loader;
-        EXPECT_EQ(g::LoadGuestHive(which, guest.windows, &loader), 0u);
-        EXPECT_TRUE(loader);
-        if (loader) {
-            EXPECT_EQ(loader->GetBackend(), Engine() ? HiveLoader::Backend::kEngine : HiveLoader::Backend::kSystem)
-                << "system " << loader->SystemResult() << ", engine " << loader->EngineResult();
-        }
-        return loader;
-    }
 };
-
-RegistryKey Open(const HiveLoader& hive, const std::wstring& path, REGSAM access = kAll) {
-    return RegistryKey(hive.GetHiveKey(), hive.GetHiveName() + path, access);
-}
 
 std::wstring ReadString(const RegistryKey& key, const std::wstring& name) {
     std::wstring s;
@@ -265,8 +234,7 @@ TEST_P(HiveLoad, MissingHivesAndUnreadableFiles) {
     EXPECT_EQ(kxtest::ReadBytes(guest.Hive(L"system")), Bytes(8192, 'x'));
 }
 
-INSTANTIATE_TEST_SUITE_P(Backends, HiveLoad, ::testing::Values(false, true),
-                         [](const auto& info) { return info.param ? "Engine" : "System"; });
+INSTANTIATE_TEST_SUITE_P(Backends, HiveLoad, ::testing::Values(false, true), kxguest::BackendName);
 
 // ---- the engine's own guarantees ----------------------------------------------
 
@@ -282,27 +250,7 @@ kx::regf::HeaderInfo Header(const std::wstring& path) {
     return info;
 }
 
-// As a write cut off after its first step leaves a hive: the primary
-// sequence number ahead of the secondary, the checksum matching.
-void MakeDirty(Bytes& b) {
-    uint32_t primary, sum = 0;
-    std::memcpy(&primary, &b[4], 4);
-    ++primary;
-    std::memcpy(&b[4], &primary, 4);
-    for (size_t i = 0; i < 508; i += 4) {
-        uint32_t w;
-        std::memcpy(&w, &b[i], 4);
-        sum ^= w;
-    }
-    std::memcpy(&b[508], &sum, 4);
-}
-
-std::string Hex(const void* p, size_t n) {
-    std::string s;
-    char b[3];
-    for (size_t i = 0; i < n; ++i) std::snprintf(b, 3, "%02x", static_cast<const uint8_t*>(p)[i]), s += b;
-    return s;
-}
+using kxguest::Hex;
 
 // The dump lines of a fixture (hive_tool.py's form), to which a test applies
 // its edits to tell hivex what the edited hive must hold.
@@ -359,15 +307,7 @@ TEST(EngineHive, EditsSurviveAndUntouchedHivesStayByteForByte) {
     EXPECT_EQ(kxtest::ReadBytes(guest.Hive(L"software")), softwareBefore);
 
     // For the hivex check that runs after this program.
-    std::string out = std::string("Z:") + KX_GUEST_OUT;
-    std::replace(out.begin(), out.end(), '/', '\\');
-    const std::wstring outW(out.begin(), out.end());
-    kxtest::MakeDirs(outW);
-    const Bytes edited = kxtest::ReadBytes(guest.Hive(L"system"));
-    kxtest::WriteBytes(outW + L"\\system-edited.hive", edited.data(), edited.size());
-    std::string text;
-    for (const auto& l : expected) text += l + "\n";
-    kxtest::WriteText(outW + L"\\system-edited.expect", text);
+    kxguest::LeaveForHivex(guest.Hive(L"system"), "system-edited", expected);
 }
 
 // A dirty software hive (never repaired) is held read-only; a dirty system
@@ -376,7 +316,7 @@ TEST(EngineHive, DirtyHivesAreReadOnlyUnlessRepaired) {
     Guest guest("system", "software", ".hive");
     for (const wchar_t* name : {L"system", L"software"}) {
         Bytes b = kxtest::ReadBytes(guest.Hive(name));
-        MakeDirty(b);
+        b = kxguest::Dirty(b);
         kxtest::WriteBytes(guest.Hive(name), b.data(), b.size());
     }
     kxtest::SetRegValue(g::kBackupDllKey, L"FixHiveIntegrity", DWORD{1});

@@ -45,9 +45,8 @@ std::vector<std::wstring> Filters(const HiveLoader& hive, const wchar_t* cls) {
     return v;
 }
 
-class Switches : public ::testing::TestWithParam<bool> {
+class Switches : public kxguest::TwoBackends {
 protected:
-    const char* Ext() const { return GetParam() ? ".hive" : ".reg"; }
     // A guest with both hives loaded for the ...Ex calls.
     struct Loaded {
         Guest guest;
@@ -219,8 +218,7 @@ TEST_P(Switches, DynamicUpdateDiskGroupAndShutdownTracker) {
     EXPECT_EQ(Dword(*old.software, L"\\Policies\\Microsoft\\Windows NT", L"Marker"), 5u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Backends, Switches, ::testing::Values(false, true),
-                         [](const auto& info) { return info.param ? "Engine" : "System"; });
+INSTANTIATE_TEST_SUITE_P(Backends, Switches, ::testing::Values(false, true), kxguest::BackendName);
 
 // ---- on real hive files -------------------------------------------------------
 

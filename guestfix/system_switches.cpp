@@ -90,15 +90,21 @@ DWORD ShutdownTracker(const std::wstring& systemDir, HiveLoader* software) {
     return rc;
 }
 
+constexpr const wchar_t* kFirewallPolicy = L"\\Services\\SharedAccess\\Parameters\\FirewallPolicy\\";
+
+// A key of the guest's firewall policy; a failure to open it is logged.
+RegistryKey OpenFirewallKey(const FixupHive& system, const std::wstring& path) {
+    RegistryKey key = system.Key(path);
+    if (!key) Log(0, L"Failed to open Registry Key %s, Error:%lu.", Shown(system, path).c_str(), key.Error());
+    return key;
+}
+
 // Guests of version 6 and later: inbound TCP rules for port 3389 made
 // active when they allow.
 DWORD OpenRdpFirewallRules(const FixupHive& system) {
-    const std::wstring path = CcsPath(*system, L"\\Services\\SharedAccess\\Parameters\\FirewallPolicy\\FirewallRules");
-    RegistryKey rules = system.Key(path);
-    if (!rules) {
-        Log(0, L"Failed to open Registry Key %s, Error:%lu.", Shown(system, path).c_str(), rules.Error());
-        return rules.Error();
-    }
+    const std::wstring path = CcsPath(*system, kFirewallPolicy + std::wstring(L"FirewallRules"));
+    RegistryKey rules = OpenFirewallKey(system, path);
+    if (!rules) return rules.Error();
     DWORD last = ERROR_SUCCESS;
     std::wstring name, text, rewritten;
     DWORD rc = ERROR_SUCCESS;
@@ -116,12 +122,8 @@ DWORD OpenRdpFirewallRules(const FixupHive& system) {
 
 // Older guests: the standard profile's list of globally open ports.
 DWORD OpenRdpStandardProfile(const FixupHive& system) {
-    const std::wstring path = CcsPath(*system, L"\\Services\\SharedAccess\\Parameters\\FirewallPolicy\\StandardProfile");
-    RegistryKey profile = system.Key(path);
-    if (!profile) {
-        Log(0, L"Failed to open Registry Key %s, Error:%lu.", Shown(system, path).c_str(), profile.Error());
-        return profile.Error();
-    }
+    RegistryKey profile = OpenFirewallKey(system, CcsPath(*system, kFirewallPolicy + std::wstring(L"StandardProfile")));
+    if (!profile) return profile.Error();
     DWORD enabled = 0;
     if (DWORD rc = profile.GetValue(L"EnableFirewall", 0, &enabled)) {
         Log(0, L"Failed to Get the Attribute: EnableFirewall, and then Disable Firewall, Error:%lu.", rc);

@@ -11,6 +11,7 @@
 #include "kx_test.h"
 #include "kxha_run.h"
 
+using kxhatest::Fixture;
 using kxhatest::Has;
 using kxhatest::Kxha;
 using kxhatest::Q;
@@ -18,11 +19,6 @@ using kxhatest::Result;
 using kxtest::ScratchDir;
 
 namespace {
-
-std::wstring Fixture(const std::string& file) {
-    const std::string path = std::string("Z:") + KX_GUEST_FIXTURES + "/" + file;
-    return std::wstring(path.begin(), path.end());
-}
 
 std::wstring Wide(const std::string& s) {
     std::wstring w(::MultiByteToWideChar(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), nullptr, 0), L'\0');

@@ -117,14 +117,8 @@ struct Walk {
 
     regf::Result Key(regf::Key key, const std::wstring& path, long level) {
         std::vector<std::pair<std::wstring, regf::Value>> values;
-        regf::Result rc;
-        for (uint32_t i = 0;; ++i) {
-            std::u16string name;
-            regf::Value v;
-            if ((rc = hive.EnumValue(key, i, &name, &v)) == regf::kNoMoreItems) break;
-            if (rc) return rc;
-            values.emplace_back(Wide(name), std::move(v));
-        }
+        regf::Result rc = ReadValues(hive, key, &values);
+        if (rc) return rc;
         if (json) {
             out += L"{\"path\": " + JsonString(path) + L", \"values\": [";
             for (size_t i = 0; i < values.size(); ++i)

@@ -94,6 +94,15 @@ std::wstring ShownData(const regf::Value& v, bool json) {
     return s;
 }
 
+regf::Result ReadValues(const regf::Hive& hive, regf::Key key, std::vector<std::pair<std::wstring, regf::Value>>* values) {
+    for (uint32_t i = 0;; ++i) {
+        std::u16string name;
+        regf::Value v;
+        if (regf::Result rc = hive.EnumValue(key, i, &name, &v)) return rc == regf::kNoMoreItems ? regf::kOk : rc;
+        values->emplace_back(Wide(name), std::move(v));
+    }
+}
+
 namespace {
 std::optional<regf::Value> Read(const regf::Hive& hive, const std::wstring& path, const std::wstring& name,
                                 uint32_t type) {

@@ -40,6 +40,11 @@ std::wstring ValueText(const kx::regf::Value& v);
 std::vector<std::wstring> ValueItems(const kx::regf::Value& v);
 std::optional<uint64_t> ValueNumber(const kx::regf::Value& v);
 
+// Every value of a key, in the hive's order, with its name. 0 or the
+// engine's code.
+kx::regf::Result ReadValues(const kx::regf::Hive& hive, kx::regf::Key key,
+                            std::vector<std::pair<std::wstring, kx::regf::Value>>* values);
+
 // A string or DWORD value of the key at `path` (below the root); nullopt
 // when the key or the value is absent or of another type.
 std::optional<std::wstring> ReadString(const kx::regf::Hive& hive, const std::wstring& path, const std::wstring& name);

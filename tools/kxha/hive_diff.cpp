@@ -32,14 +32,10 @@ regf::Result Take(const regf::Hive& hive, regf::Key key, const std::wstring& pat
                   HiveSnap* out) {
     KeySnap& snap = (*out)[order];
     snap.path = path;
-    regf::Result rc;
-    for (uint32_t i = 0;; ++i) {
-        std::u16string name;
-        regf::Value v;
-        if ((rc = hive.EnumValue(key, i, &name, &v)) == regf::kNoMoreItems) break;
-        if (rc) return rc;
-        snap.values[Folded(Wide(name))] = {Wide(name), std::move(v)};
-    }
+    std::vector<std::pair<std::wstring, regf::Value>> values;
+    regf::Result rc = ReadValues(hive, key, &values);
+    if (rc) return rc;
+    for (auto& [name, v] : values) snap.values[Folded(name)] = {name, std::move(v)};
     for (uint32_t i = 0;; ++i) {
         std::u16string name;
         regf::Key child;

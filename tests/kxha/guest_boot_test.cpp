@@ -7,17 +7,13 @@
 #include "kx_test.h"
 #include "kxha_run.h"
 
+using kxhatest::Fixture;
 using kxhatest::Has;
 using kxhatest::Kxha;
 using kxhatest::Q;
 using kxtest::ScratchDir;
 
 namespace {
-
-std::wstring Fixture(const std::string& file) {
-    const std::string path = std::string("Z:") + KX_GUEST_FIXTURES + "/" + file;
-    return std::wstring(path.begin(), path.end());
-}
 
 void Put(const std::string& fixture, const std::wstring& to) {
     const auto b = kxtest::ReadBytes(Fixture(fixture));

@@ -6,16 +6,12 @@
 #include "kx_test.h"
 #include "kxha_run.h"
 
+using kxhatest::Fixture;
 using kxhatest::Has;
 using kxhatest::Kxha;
 using kxhatest::Q;
 
 namespace {
-
-std::wstring Fixture(const std::string& file) {
-    const std::string path = std::string("Z:") + KX_GUEST_FIXTURES + "/" + file;
-    return std::wstring(path.begin(), path.end());
-}
 
 std::wstring MakeGuest(const std::wstring& root, const std::string& system, const std::string& software) {
     const std::wstring windows = root + L"\\Gäst Ω\\Windows", config = windows + L"\\system32\\config\\";

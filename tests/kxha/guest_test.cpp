@@ -10,6 +10,7 @@
 #include "kx_test.h"
 #include "kxha_run.h"
 
+using kxhatest::Fixture;
 using kxhatest::Has;
 using kxhatest::Kxha;
 using kxhatest::Q;
@@ -17,11 +18,6 @@ using kxhatest::Result;
 using kxtest::ScratchDir;
 
 namespace {
-
-std::wstring Fixture(const std::string& file) {
-    const std::string path = std::string("Z:") + KX_GUEST_FIXTURES + "/" + file;
-    return std::wstring(path.begin(), path.end());
-}
 
 // A guest "Windows" folder under `root` whose config folder holds the named
 // fixture hives (target name -> fixture file) and `extra` files as given.

@@ -22,4 +22,10 @@ inline bool Has(const Result& r, const std::string& text) { return r.out.find(te
 
 inline std::wstring Q(const std::wstring& s) { return L"\"" + s + L"\""; }
 
+// A file of the guest hive fixtures, as Wine sees it.
+inline std::wstring Fixture(const std::string& file) {
+    const std::string path = std::string("Z:") + KX_GUEST_FIXTURES + "/" + file;
+    return std::wstring(path.begin(), path.end());
+}
+
 }  // namespace kxhatest

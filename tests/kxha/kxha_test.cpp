@@ -75,6 +75,8 @@ TEST(Kxha, DemoRunsTheWholeCycleAndEveryUnionMatchesItsWrites) {
     EXPECT_TRUE(Has(r, "\"prepared\": 5, \"prepared_after_conversion\": 0")) << r.out;
     EXPECT_TRUE(Has(r, "\"match\": true")) << r.out;
     EXPECT_FALSE(Has(r, "\"changed_sectors\": 0,")) << r.out;
+    // Then the guest stage: the demo guest repaired for Hyper-V as expected.
+    EXPECT_TRUE(Has(r, "\"problems\": [], \"guest_match\": true")) << r.out;
     // The newest finished session is recorded as converted; the bitmaps are gone.
     const std::vector<uint8_t> last = kxtest::ReadBytes(folder + L"\\destination\\VCM-bitmap\\LastSession.vsb");
     EXPECT_EQ(std::string(last.begin(), last.end()), "S0000000005");

@@ -1,6 +1,7 @@
 // kxha demo [folder]: builds the demo destination and runs one
 // virtual-standby cycle over it through the exports, checking every disk's
-// union bitmap against the writes the demo made.
+// union bitmap against the writes the demo made; then repairs the demo
+// guest for Hyper-V and checks what changed (demo_guest.cpp).
 #include <cwchar>
 
 #include "KestrixHA.h"
@@ -39,26 +40,9 @@ bool FolderIsFreshOrEmpty(const std::wstring& folder) {
     return entries.empty();
 }
 
-}  // namespace
-
-int CmdDemo(const Args& args) {
-    const bool json = HasFlag(args, L"--json");
-    const bool progress = !json && StdoutIsTerminal();
-    auto pos = Positionals(args, {});
-    std::wstring folder;
-    if (!pos.empty()) {
-        folder = pos[0];
-    } else {
-        wchar_t tmp[MAX_PATH];
-        ::GetTempPathW(MAX_PATH, tmp);
-        folder = std::wstring(tmp) + L"kxha-demo-" + Num(::GetCurrentProcessId());
-    }
-    while (folder.size() > 3 && folder.back() == L'\\') folder.pop_back();
-    if (!FolderIsFreshOrEmpty(folder)) {
-        Err(L"kxha demo: " + folder + L" is not empty; give a new folder\n");
-        return 2;
-    }
-    ::CreateDirectoryW(folder.c_str(), nullptr);
+// The bitmap stage: a destination of six sessions, its bitmaps prepared, a
+// range locked and every disk's union checked against the demo's writes.
+int BitmapStage(const std::wstring& folder, bool json, bool progress, std::wstring* jsonFields) {
     const std::wstring root = folder + L"\\destination";
 
     // 1. The destination: six sessions of three disks.
@@ -121,7 +105,7 @@ int CmdDemo(const Args& args) {
     KxGetDebugLogFile(logFile, &chars);
 
     if (json) {
-        std::wstring o = L"{\"destination\": " + JsonString(root) + L", \"prepared\": " + Num(prepared.size()) +
+        std::wstring o = L"\"destination\": " + JsonString(root) + L", \"prepared\": " + Num(prepared.size()) +
                          L", \"prepared_after_conversion\": " + Num(left.size()) + L", \"disks\": [";
         for (size_t i = 0; i < results.size(); ++i) {
             const auto& r = results[i];
@@ -129,7 +113,7 @@ int CmdDemo(const Args& args) {
                  Num(r.chainFrom) + L", " + Num(r.chainTo) + L"], \"sectors\": " + Num(r.sectors) +
                  L", \"changed_sectors\": " + Num(r.changed) + L", \"mismatched_sectors\": " + Num(r.mismatched) + L"}";
         }
-        Out(o + L"], \"match\": " + (allMatch ? L"true" : L"false") + L", \"log\": " + JsonString(logFile) + L"}\n");
+        *jsonFields = o + L"], \"match\": " + (allMatch ? L"true" : L"false") + L", \"log\": " + JsonString(logFile);
     } else {
         Out(L"\n" + Pad(L"disk", 20) + Pad(L"sessions in chain", 26) + PadLeft(L"changed sectors", 16) +
             PadLeft(L"MiB to copy", 13) + PadLeft(L"of MiB", 9) + L"  check\n");
@@ -148,6 +132,35 @@ int CmdDemo(const Args& args) {
         return 1;
     }
     return 0;
+}
+
+}  // namespace
+
+int CmdDemo(const Args& args) {
+    const bool json = HasFlag(args, L"--json");
+    const bool progress = !json && StdoutIsTerminal();
+    auto pos = Positionals(args, {L"--guest-data"});
+    std::wstring folder;
+    if (!pos.empty()) {
+        folder = pos[0];
+    } else {
+        wchar_t tmp[MAX_PATH];
+        ::GetTempPathW(MAX_PATH, tmp);
+        folder = std::wstring(tmp) + L"kxha-demo-" + Num(::GetCurrentProcessId());
+    }
+    while (folder.size() > 3 && folder.back() == L'\\') folder.pop_back();
+    if (!FolderIsFreshOrEmpty(folder)) {
+        Err(L"kxha demo: " + folder + L" is not empty; give a new folder\n");
+        return 2;
+    }
+    ::CreateDirectoryW(folder.c_str(), nullptr);
+
+    std::wstring bitmaps, guest;
+    int rc = HasFlag(args, L"--guest-only") ? 0 : BitmapStage(folder, json, progress, &bitmaps);
+    if (rc == 0) rc = demo::GuestStage(folder, Option(args, L"--guest-data", demo::DefaultGuestData()), json, &guest);
+    if (json && !(bitmaps.empty() && guest.empty()))
+        Out(L"{" + bitmaps + (bitmaps.empty() || guest.empty() ? L"" : L", ") + guest + L"}\n");
+    return rc;
 }
 
 }  // namespace kxha

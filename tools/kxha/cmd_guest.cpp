@@ -20,12 +20,6 @@ namespace {
 const wchar_t* const kHiveNames[] = {L"system", L"software", L"SAM", L"SECURITY", L"DEFAULT"};
 const wchar_t* const kBackend = L"offline engine (read-only)";
 
-std::wstring Printf(const wchar_t* format, auto... args) {
-    wchar_t buf[128];
-    swprintf(buf, 128, format, args...);
-    return buf;
-}
-
 // What the guest's hives say about it, as the library reads it: the version
 // from "CurrentVersion" ("%d.%d") and "CSDVersion" ("SERVICE PACK %d" once
 // upper-cased), the current control set "ControlSet00" + "Current" (no
@@ -115,39 +109,6 @@ int GuestInfo(const std::vector<std::wstring>& pos, bool json) {
     return 0;
 }
 
-std::wstring TypeName(uint32_t type) {
-    static const wchar_t* const names[] = {
-        L"REG_NONE",      L"REG_SZ",        L"REG_EXPAND_SZ",        L"REG_BINARY",
-        L"REG_DWORD",     L"REG_DWORD_BIG_ENDIAN", L"REG_LINK",      L"REG_MULTI_SZ",
-        L"REG_RESOURCE_LIST", L"REG_FULL_RESOURCE_DESCRIPTOR", L"REG_RESOURCE_REQUIREMENTS_LIST", L"REG_QWORD"};
-    return type < std::size(names) ? names[type] : Printf(L"0x%x", type);
-}
-
-std::wstring HexBytes(const std::vector<uint8_t>& data, size_t cap, const wchar_t* between) {
-    std::wstring s;
-    for (size_t i = 0; i < data.size() && i < cap; ++i) s += (i ? between : L"") + Printf(L"%02x", data[i]);
-    return s;
-}
-
-constexpr size_t kShownBytes = 32;
-
-// The data as a registry editor shows it, or as JSON.
-std::wstring Data(const regf::Value& v, bool json) {
-    const auto n = ValueNumber(v);
-    if (v.type == regf::kRegSz || v.type == regf::kRegExpandSz)
-        return json ? JsonString(ValueText(v)) : ValueText(v);
-    if (v.type == regf::kRegMultiSz) {
-        std::wstring joined;
-        for (const auto& item : ValueItems(v)) joined += (joined.empty() ? L"" : L" | ") + item;
-        return json ? JsonList(ValueItems(v)) : joined;
-    }
-    if (n) return json ? Num(*n) : Printf(v.type == regf::kRegDword ? L"0x%08llx (%llu)" : L"0x%016llx (%llu)", *n, *n);
-    if (json) return L"\"" + HexBytes(v.data, v.data.size(), L"") + L"\"";
-    std::wstring s = HexBytes(v.data, kShownBytes, L" ");
-    if (v.data.size() > kShownBytes) s += L" ... " + Num(v.data.size()) + L" bytes";
-    return s;
-}
-
 struct Walk {
     const regf::Hive& hive;
     bool json;
@@ -156,20 +117,14 @@ struct Walk {
 
     regf::Result Key(regf::Key key, const std::wstring& path, long level) {
         std::vector<std::pair<std::wstring, regf::Value>> values;
-        regf::Result rc;
-        for (uint32_t i = 0;; ++i) {
-            std::u16string name;
-            regf::Value v;
-            if ((rc = hive.EnumValue(key, i, &name, &v)) == regf::kNoMoreItems) break;
-            if (rc) return rc;
-            values.emplace_back(Wide(name), std::move(v));
-        }
+        regf::Result rc = ReadValues(hive, key, &values);
+        if (rc) return rc;
         if (json) {
             out += L"{\"path\": " + JsonString(path) + L", \"values\": [";
             for (size_t i = 0; i < values.size(); ++i)
                 out += (i ? L", " : L"") + std::wstring(L"{\"name\": ") + JsonString(values[i].first) +
                        L", \"type\": " + JsonString(TypeName(values[i].second.type)) + L", \"size\": " +
-                       Num(values[i].second.data.size()) + L", \"data\": " + Data(values[i].second, true) + L"}";
+                       Num(values[i].second.data.size()) + L", \"data\": " + ShownData(values[i].second, true) + L"}";
             out += L"], \"subkeys\": [";
         } else {
             size_t nameWidth = 9, typeWidth = 0;  // "(Default)"
@@ -181,7 +136,7 @@ struct Walk {
             for (const auto& [name, v] : values) {
                 std::wstring shown = name.empty() ? L"(Default)" : name, type = TypeName(v.type);
                 std::wstring line = L"  " + shown + std::wstring(nameWidth - shown.size() + 2, L' ') + type +
-                                    std::wstring(typeWidth - type.size() + 2, L' ') + Data(v, false);
+                                    std::wstring(typeWidth - type.size() + 2, L' ') + ShownData(v, false);
                 out += line.substr(0, line.find_last_not_of(L' ') + 1) + L"\n";
             }
         }
@@ -224,13 +179,15 @@ int GuestSafeBoot(const std::vector<std::wstring>& pos, const Args& args);
 int GuestResetMarkers(const std::vector<std::wstring>& pos, const Args& args);
 
 int CmdGuest(const Args& args) {
-    const std::vector<std::wstring> pos = Positionals(args, {L"--depth"});
+    const std::vector<std::wstring> pos = Positionals(args, {L"--depth", L"--target", L"--hostname", L"--boot-volume"});
     if (pos.size() == 2 && pos[0] == L"info") return GuestInfo(pos, HasFlag(args, L"--json"));
     if ((pos.size() == 2 || pos.size() == 3) && pos[0] == L"reg") return GuestReg(pos, args);
     if (pos.size() == 3 && pos[0] == L"safeboot") return GuestSafeBoot(pos, args);
     if (pos.size() == 2 && pos[0] == L"reset-markers") return GuestResetMarkers(pos, args);
     if (pos.size() == 2 && pos[0] == L"inject-drivers") return GuestInjectDrivers(pos[1]);
     if (pos.size() == 2 && pos[0] == L"ec2") return GuestEc2(pos[1]);
+    if (pos.size() == 3 && pos[0] == L"diff") return GuestDiff(pos, args);
+    if (pos.size() == 2 && pos[0] == L"fixup") return GuestFixup(pos, args);
     Err(std::wstring(L"usage: ") + kGuestUsage + L"\n");
     return 2;
 }

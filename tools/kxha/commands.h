@@ -47,11 +47,23 @@ inline const wchar_t* const kGuestUsage =
     L"       kxha guest safeboot <boot volume> <Windows folder> [--uefi]\n"
     L"       kxha guest reset-markers <Windows folder> [--hyperv]\n"
     L"       kxha guest inject-drivers <Windows folder>\n"
-    L"       kxha guest ec2 <Windows folder>";
+    L"       kxha guest ec2 <Windows folder>\n"
+    L"       kxha guest diff <hive file A> <hive file B> [--json]\n"
+    L"       kxha guest fixup <Windows folder> --target hyperv|vmware|xen|ec2|nutanix [--hostname NAME] [--rdp]\n"
+    L"                        [--boot-volume <folder> [--uefi]]\n"
+    L"\n"
+    L"guest diff lists the keys and values added, removed and changed from A to B; it exits 0\n"
+    L"whenever both hives were read, with or without differences (1: a hive could not be read).\n"
+    L"guest fixup runs the repair a conversion makes before the guest's first start and prints\n"
+    L"what it changed in each hive; it stops at the first failing step (exit 1).";
 
 // Boot driver injection and EC2 preparation of an offline guest, printing
 // the keys and values they changed (cmd_guest_drivers.cpp).
 int GuestInjectDrivers(const std::wstring& folder);
 int GuestEc2(const std::wstring& folder);
+
+// Two hive files compared, and the whole repair of a guest (cmd_guest_fixup.cpp).
+int GuestDiff(const std::vector<std::wstring>& pos, const Args& args);
+int GuestFixup(const std::vector<std::wstring>& pos, const Args& args);
 
 }  // namespace kxha

@@ -22,4 +22,13 @@ struct Destination {
 // failing code.
 DWORD BuildDestination(Destination* dest, bool progress);
 
+// The demo guest's data: the folder "demo-data" next to kxha.exe.
+std::wstring DefaultGuestData();
+
+// The guest stage (demo_guest.cpp): builds a boot volume from `data` under
+// `folder`\guest, repairs it for Hyper-V, prints the changes (or, with
+// `json`, leaves its JSON fields in *jsonFields) and checks them against
+// what the repair must change. The tool's exit status: 0 when it matched.
+int GuestStage(const std::wstring& folder, const std::wstring& data, bool json, std::wstring* jsonFields);
+
 }  // namespace kxha::demo

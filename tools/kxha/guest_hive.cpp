@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
+#include "output.h"
 #include "platform/win32_positioned_file.h"
 
 namespace kxha {
@@ -56,6 +58,49 @@ std::optional<uint64_t> ValueNumber(const regf::Value& v) {
     uint64_t n = 0;
     std::memcpy(&n, v.data.data(), want);
     return n;
+}
+
+std::wstring TypeName(uint32_t type) {
+    static const wchar_t* const names[] = {
+        L"REG_NONE",      L"REG_SZ",        L"REG_EXPAND_SZ",        L"REG_BINARY",
+        L"REG_DWORD",     L"REG_DWORD_BIG_ENDIAN", L"REG_LINK",      L"REG_MULTI_SZ",
+        L"REG_RESOURCE_LIST", L"REG_FULL_RESOURCE_DESCRIPTOR", L"REG_RESOURCE_REQUIREMENTS_LIST", L"REG_QWORD"};
+    return type < std::size(names) ? names[type] : Printf(L"0x%x", type);
+}
+
+namespace {
+std::wstring HexBytes(const std::vector<uint8_t>& data, size_t cap, const wchar_t* between) {
+    std::wstring s;
+    for (size_t i = 0; i < data.size() && i < cap; ++i) s += (i ? between : L"") + Printf(L"%02x", data[i]);
+    return s;
+}
+
+constexpr size_t kShownBytes = 32;
+}  // namespace
+
+std::wstring ShownData(const regf::Value& v, bool json) {
+    const auto n = ValueNumber(v);
+    if (v.type == regf::kRegSz || v.type == regf::kRegExpandSz)
+        return json ? JsonString(ValueText(v)) : ValueText(v);
+    if (v.type == regf::kRegMultiSz) {
+        std::wstring joined;
+        for (const auto& item : ValueItems(v)) joined += (joined.empty() ? L"" : L" | ") + item;
+        return json ? JsonList(ValueItems(v)) : joined;
+    }
+    if (n) return json ? Num(*n) : Printf(v.type == regf::kRegDword ? L"0x%08llx (%llu)" : L"0x%016llx (%llu)", *n, *n);
+    if (json) return L"\"" + HexBytes(v.data, v.data.size(), L"") + L"\"";
+    std::wstring s = HexBytes(v.data, kShownBytes, L" ");
+    if (v.data.size() > kShownBytes) s += L" ... " + Num(v.data.size()) + L" bytes";
+    return s;
+}
+
+regf::Result ReadValues(const regf::Hive& hive, regf::Key key, std::vector<std::pair<std::wstring, regf::Value>>* values) {
+    for (uint32_t i = 0;; ++i) {
+        std::u16string name;
+        regf::Value v;
+        if (regf::Result rc = hive.EnumValue(key, i, &name, &v)) return rc == regf::kNoMoreItems ? regf::kOk : rc;
+        values->emplace_back(Wide(name), std::move(v));
+    }
 }
 
 namespace {

@@ -27,9 +27,12 @@ const std::vector<Command>& Commands() {
         {L"intact", L"sessions a conversion may use", L"kxha intact <root> [--json]", CmdIntact},
         {L"vcm", L"show or change the manual conversion configuration",
          L"kxha vcm get|set [--manual 0|1] [--index-folder DIR] [--json]", CmdVcm},
-        {L"demo", L"build a destination on demo data and run a virtual-standby cycle over it",
-         L"kxha demo [folder] [--json]", CmdDemo},
-        {L"guest", L"read an offline Windows guest's registry hives; safeboot and reset-markers change them", kGuestUsage, CmdGuest},
+        {L"demo", L"run a virtual-standby cycle and a guest repair on demo data",
+         L"kxha demo [folder] [--guest-only] [--guest-data DIR] [--json]\n\n"
+         L"  --guest-only      only the guest stage: repair the demo guest for Hyper-V and check it\n"
+         L"  --guest-data DIR  the demo guest's hives and hal.dll (default: demo-data next to kxha.exe)",
+         CmdDemo},
+        {L"guest", L"read, compare and repair an offline Windows guest's registry hives", kGuestUsage, CmdGuest},
         {L"version", L"show the library's version resource", L"kxha version [--json]", CmdVersion},
         {L"log", L"show where the debug log is and its last lines", L"kxha log [--lines N] [--json]", CmdLog},
     };

@@ -131,8 +131,9 @@ TEST_P(Switches, AgentMarkersAndAgentService) {
 
 TEST_P(Switches, RemoteDesktopOnBothFirewallGenerations) {
     const std::wstring rules = L"\\ControlSet001\\Services\\SharedAccess\\Parameters\\FirewallPolicy\\FirewallRules";
-    {
-        Loaded l = Win7();
+    for (const char* software : {"vmguest-software", "vmguest10-software"}) {
+        SCOPED_TRACE(software);
+        Loaded l("vmguest-system", software, Ext());
         std::map<std::wstring, std::vector<BYTE>> before;
         RegistryKey r = Open(*l.system, rules, KEY_READ);
         std::wstring name;
@@ -312,6 +313,13 @@ namespace {
 // job runs them; null hives make each load its own.
 void RunSequence(const Guest& guest, HiveLoader* system, HiveLoader* software) {
     const std::wstring& dir = guest.windows;
+    {
+        // Needs a loaded hive: the caller's, or one for this call alone.
+        std::unique_ptr<HiveLoader> own;
+        if (!system) EXPECT_EQ(g::LoadGuestHive(g::GuestHive::kSystem, dir, &own), 0u);
+        EXPECT_EQ(g::ResetPRTag(system ? system : own.get(), 0), 0u);
+    }
+    EXPECT_EQ(g::SetSafeBootFirst(system, dir), 0u);
     EXPECT_EQ(g::InjectIDEDriverEx(dir, system, software), 0u);
     EXPECT_EQ(g::InjectDriverForEC2Ex(dir, system), 0u);
     EXPECT_EQ(g::RVCM_EnableVirtualPlatformServicesEx(dir, 0, system, software), 0u);

@@ -11,4 +11,14 @@ export WINEDLLOVERRIDES="mscoree,mshtml="
 # 32-bit Wine on every start, which would mix into the programs' output.
 loader=/usr/lib/wine/wine64
 [ -x "$loader" ] || loader=wine
-exec "$loader" "$@"
+# The program's output goes through a file of its own: a Wine process the
+# program starts on demand (a service, the debugger) inherits its output
+# descriptors and may outlive it, and a pipe held that way would keep the
+# caller (CTest, make) waiting long after the program has ended. This script
+# waits for the program itself, then passes its output on.
+out=$(mktemp "${TMPDIR:-/tmp}/kx-wine-run.XXXXXX")
+trap 'rm -f "$out"' EXIT
+rc=0
+"$loader" "$@" >"$out" 2>&1 </dev/null || rc=$?
+cat "$out"
+exit $rc

@@ -48,8 +48,8 @@ struct CdLetterChanges {
 // - writes a reservation for every letter from C: up to the wanted one
 //   that is then free.
 // A second run changes nothing. The MountedDevices key is made when the
-// guest has none. `system` may be null (then the hive is loaded here);
-// `changes` is optional. Returns 0, 87, 85, the hive load's code, or the
+// guest has none and a reservation is to be written. `system` may be null
+// (then the hive is loaded here); `changes` is optional. Returns 0, 87, 85, the hive load's code, or the
 // first failed write's code (the writes before it stay).
 [[nodiscard]] DWORD AdjustVirtualCDDriveLetter_HyperV(const std::wstring& systemDir, wchar_t letter);
 [[nodiscard]] DWORD AdjustVirtualCDDriveLetter_HyperVEx(const std::wstring& systemDir, wchar_t letter,

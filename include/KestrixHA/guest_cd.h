@@ -17,12 +17,13 @@
 //   above the wanted one and every other value are left as they are.
 // A second call changes nothing. The reservations keep those letters off
 // volumes the guest has not seen yet; an administrator frees one by
-// removing its value. The MountedDevices key is made when the guest has
-// none. Returns 0, 87, 85, the hive load's code (10 for a missing hive,
-// 1009 for a file that is not a hive) or the first failed write's code.
+// removing its value. A guest without MountedDevices gets the key when a
+// reservation is written. Returns 0, 87, 85, the hive load's code (10 for
+// a missing hive, 1009 for a file that is not a hive) or the first failed
+// write's code.
 // Log: "Drive letter X: freed from the guest's old CD-ROM.", "Drive letter
 // X: reserved so that the CD-ROM gets Y:.", or on refusal "Drive letter X:
-// belongs to a MBR volume of the guest; ...".
+// belongs to the guest's MBR volume; the CD-ROM letter is not changed.".
 #pragma once
 
 #include <string>

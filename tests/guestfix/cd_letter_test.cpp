@@ -144,3 +144,34 @@ TEST(CdLetterFiles, OwnLoadWritesTheFileAndBadGuestsAreRefused) {
     EXPECT_EQ(std::string(now.begin(), now.end()), junk);
     EXPECT_EQ(g::AdjustVirtualCDDriveLetter_HyperV(L"", L'E'), DWORD{ERROR_INVALID_PARAMETER});
 }
+
+// What a "\DosDevices\X:" value's data names, for the data forms guests hold.
+TEST(CdLetterData, KindsOfMountedDeviceData) {
+    const auto utf16 = [](const std::wstring& s) {
+        const auto* p = reinterpret_cast<const BYTE*>(s.data());
+        return std::vector<BYTE>(p, p + s.size() * sizeof(wchar_t));
+    };
+    std::vector<BYTE> gpt{'D', 'M', 'I', 'O', ':', 'I', 'D', ':'};
+    gpt.resize(24, 0x5a);
+    std::vector<BYTE> notGpt = gpt;
+    notGpt[0] = 'd';
+    const struct {
+        const char* what;
+        std::vector<BYTE> data;
+        g::MountKind kind;
+    } cases[] = {
+        {"MBR", std::vector<BYTE>(12, 0), g::MountKind::kMbrVolume},
+        {"GPT", gpt, g::MountKind::kGuidVolume},
+        {"24 bytes, no tag", notGpt, g::MountKind::kOther},
+        {"GPT tag, short", std::vector<BYTE>(gpt.begin(), gpt.begin() + 20), g::MountKind::kOther},
+        {"IDE CD-ROM", utf16(L"\\??\\IDE#CdRomMsft_Virtual_CD/ROM_____1.0_____#5&1&0&1.0.0#{53f5630d}"),
+         g::MountKind::kCdRom},
+        {"SCSI DVD", utf16(L"\\??\\SCSI#cdrom&Ven_Msft&Prod_Virtual_DVD-ROM#000001#{53f5630d}"), g::MountKind::kCdRom},
+        {"floppy", utf16(L"\\??\\FDC#GENERIC_FLOPPY_DRIVE#6&1&0&0#{53f56311}"), g::MountKind::kOther},
+        {"USB stick", utf16(L"\\??\\STORAGE#RemovableMedia#7&2&0&RM#{53f5630d}"), g::MountKind::kOther},
+        {"reservation", utf16(L"\\??\\KestrixHA#ReservedDriveLetter#F"), g::MountKind::kReserved},
+        {"odd length", std::vector<BYTE>(13, 'C'), g::MountKind::kOther},
+        {"empty", {}, g::MountKind::kOther},
+    };
+    for (const auto& c : cases) EXPECT_EQ(g::ClassifyMountData(c.data), c.kind) << c.what;
+}

@@ -179,4 +179,9 @@ inline constexpr ExportLines kInjectSCSIDriver{L"InjectSCSIDriver", 2, nullptr, 
 inline constexpr ExportLines kInjectDriverForEC2Ex{L"InjectDriverForEC2Ex", 2, L"Begin driver injection for EC2.", 2,
                                                    L"Finish driver injection for EC2.", EndKind::Plain};
 
+// ---- guest CD-ROM drive letter ------------------------------------------------------
+inline constexpr ExportLines kAdjustVirtualCDDriveLetter_HyperV{
+    L"AdjustVirtualCDDriveLetter_HyperV", 2, L"begin AdjustVirtualCDDriveLetter_HyperV, dir=%s, letter=%c", 2,
+    L"finish AdjustVirtualCDDriveLetter_HyperV, ret=%u", EndKind::Result};
+
 }  // namespace kx

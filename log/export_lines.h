@@ -179,4 +179,18 @@ inline constexpr ExportLines kInjectSCSIDriver{L"InjectSCSIDriver", 2, nullptr, 
 inline constexpr ExportLines kInjectDriverForEC2Ex{L"InjectDriverForEC2Ex", 2, L"Begin driver injection for EC2.", 2,
                                                    L"Finish driver injection for EC2.", EndKind::Plain};
 
+// ---- helper service ------------------------------------------------------------
+inline constexpr ExportLines kRVCM_InjectServiceToHive{L"RVCM_InjectServiceToHive", 2,
+                                                       L"begin RVCM_InjectServiceToHive, service=%s", 2,
+                                                       L"finish RVCM_InjectServiceToHive, ret=%u", EndKind::Result};
+inline constexpr ExportLines kIvm_InjectHelperServiceToHive{
+    L"Ivm_InjectHelperServiceToHive", 2, L"begin Ivm_InjectHelperServiceToHive, dir=%s", 2,
+    L"finish Ivm_InjectHelperServiceToHive, ret=%u", EndKind::Result};
+inline constexpr ExportLines kIvm_InjectHelperServiceToHiveEx{
+    L"Ivm_InjectHelperServiceToHiveEx", 2, L"Begin to inject helper service.", 2,
+    L"Finish injecting helper service.", EndKind::Plain};
+inline constexpr ExportLines kIvm_InjectHelperServiceToHiveForVsb{
+    L"Ivm_InjectHelperServiceToHiveForVsb", 2, L"Begin to inject helper service for standby.", 2,
+    L"Finish injecting helper service for standby, ret=%u", EndKind::Result};
+
 }  // namespace kx

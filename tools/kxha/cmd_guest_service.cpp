@@ -36,7 +36,8 @@ std::vector<PlacedFile> Placed(const std::wstring& source, const std::wstring& f
     std::vector<PlacedFile> files;
     (void)kx::ListDirectory(source + L"\\*", [&](const WIN32_FIND_DATAW& fd) {
         if (kx::IsFolder(fd)) return;
-        PlacedFile p{fd.cFileName};
+        PlacedFile p;
+        p.name = fd.cFileName;
         p.bytes = FileBytes(folder + L"\\" + p.name, &p.present);
         files.push_back(std::move(p));
     });

@@ -40,8 +40,9 @@ KXHA_API DWORD RVCM_InjectServiceToHive(const std::wstring& systemDir, const std
 // <systemDir>\System32\qlnvmhelpersvc\, files already there with the same
 // bytes left alone; then the service registered as above, automatic start,
 // binary "%SystemRoot%\System32\qlnvmhelpersvc\qlnvmhelpersvc.exe", and
-// allowed in safe boot with networking (<set>\Control\SafeBoot\Network\
-// qlnvmhelpersvc, default value "Service") in every boot control set.
+// allowed in safe boot with networking (the key qlnvmhelpersvc under
+// <set>\Control\SafeBoot\Network, default value "Service") in every boot
+// control set.
 // Codes: 3 (ERROR_PATH_NOT_FOUND) for a missing source folder, 2 when it
 // has no qlnvmhelpersvc.exe, the copy's code (5 for a guest folder that
 // cannot be written), the hive's or the registry's code. The hive is

@@ -112,6 +112,20 @@ std::vector<std::wstring> Check(const std::vector<HiveChanges>& hives, const std
     return problems;
 }
 
+// Small files written new (an existing one is an error), each with its text.
+template <size_t N>
+DWORD WriteStandIns(const std::pair<std::wstring, const char*> (&files)[N], std::wstring* what) {
+    for (const auto& [path, text] : files) {
+        kx::unique_hfile f(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+        DWORD written = 0;
+        if (!f || !::WriteFile(f.get(), text, static_cast<DWORD>(strlen(text)), &written, nullptr)) {
+            *what = L"writing " + path;
+            return ::GetLastError();
+        }
+    }
+    return 0;
+}
+
 struct FileCopy {
     const wchar_t* from;  // in the demo data
     const wchar_t* to;    // in the volume
@@ -145,15 +159,7 @@ DWORD BuildGuestVolume(const std::wstring& data, const std::wstring& volume, std
     const std::pair<std::wstring, const char*> drivers[] = {
         {windows + L"\\System32\\Drivers\\intelide.sys", "demo IDE driver image\n"},
         {windows + L"\\" + kLsiFolder + L"\\lsi_scsi.sys", "demo LSI SCSI driver image\n"}};
-    for (const auto& [path, text] : drivers) {
-        kx::unique_hfile f(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
-        DWORD written = 0;
-        if (!f || !::WriteFile(f.get(), text, static_cast<DWORD>(strlen(text)), &written, nullptr)) {
-            *what = L"writing " + path;
-            return ::GetLastError();
-        }
-    }
-    return 0;
+    return WriteStandIns(drivers, what);
 }
 
 // The helper service's build as the conversion job hands it over: a
@@ -163,18 +169,10 @@ DWORD WriteHelperSource(const std::wstring& helper, std::wstring* what) {
         *what = L"making " + helper;
         return ::GetLastError();
     }
-    const std::pair<const wchar_t*, const char*> files[] = {{L"qlnvmhelpersvc.exe", "demo helper service image\n"},
-                                                           {L"helper.ini", "[helper]\r\nSetSafeBootFirst=1\r\n"}};
-    for (const auto& [name, text] : files) {
-        const std::wstring path = helper + L"\\" + name;
-        kx::unique_hfile f(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
-        DWORD written = 0;
-        if (!f || !::WriteFile(f.get(), text, static_cast<DWORD>(strlen(text)), &written, nullptr)) {
-            *what = L"writing " + path;
-            return ::GetLastError();
-        }
-    }
-    return 0;
+    const std::pair<std::wstring, const char*> files[] = {
+        {helper + L"\\qlnvmhelpersvc.exe", "demo helper service image\n"},
+        {helper + L"\\helper.ini", "[helper]\r\nSetSafeBootFirst=1\r\n"}};
+    return WriteStandIns(files, what);
 }
 
 }  // namespace

@@ -13,3 +13,4 @@
 #include "KestrixHA/guest_boot.h"
 #include "KestrixHA/guest_drivers.h"
 #include "KestrixHA/guest_cd.h"
+#include "KestrixHA/guest_service.h"

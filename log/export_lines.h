@@ -183,5 +183,18 @@ inline constexpr ExportLines kInjectDriverForEC2Ex{L"InjectDriverForEC2Ex", 2, L
 inline constexpr ExportLines kAdjustVirtualCDDriveLetter_HyperV{
     L"AdjustVirtualCDDriveLetter_HyperV", 2, L"begin AdjustVirtualCDDriveLetter_HyperV, dir=%s, letter=%c", 2,
     L"finish AdjustVirtualCDDriveLetter_HyperV, ret=%u", EndKind::Result};
+// ---- helper service ------------------------------------------------------------
+inline constexpr ExportLines kRVCM_InjectServiceToHive{L"RVCM_InjectServiceToHive", 2,
+                                                       L"begin RVCM_InjectServiceToHive, service=%s", 2,
+                                                       L"finish RVCM_InjectServiceToHive, ret=%u", EndKind::Result};
+inline constexpr ExportLines kIvm_InjectHelperServiceToHive{
+    L"Ivm_InjectHelperServiceToHive", 2, L"begin Ivm_InjectHelperServiceToHive, dir=%s", 2,
+    L"finish Ivm_InjectHelperServiceToHive, ret=%u", EndKind::Result};
+inline constexpr ExportLines kIvm_InjectHelperServiceToHiveEx{
+    L"Ivm_InjectHelperServiceToHiveEx", 2, L"Begin to inject helper service.", 2,
+    L"Finish injecting helper service.", EndKind::Plain};
+inline constexpr ExportLines kIvm_InjectHelperServiceToHiveForVsb{
+    L"Ivm_InjectHelperServiceToHiveForVsb", 2, L"Begin to inject helper service for standby.", 2,
+    L"Finish injecting helper service for standby, ret=%u", EndKind::Result};
 
 }  // namespace kx

@@ -260,7 +260,7 @@ TEST(KxhaDemo, GuestStageChecksTheRepairAgainstItsExpectation) {
     ScratchDir d;
     Result r = Kxha(L"demo " + Q(d / L"ok") + L" --guest-only --json");
     EXPECT_EQ(r.code, 0u) << r.out;
-    EXPECT_TRUE(Has(r, "\"changes\": 37, \"expected\": 29, \"problems\": [], \"guest_match\": true")) << r.out;
+    EXPECT_TRUE(Has(r, "\"changes\": 47, \"expected\": 38, \"problems\": [], \"guest_match\": true")) << r.out;
     EXPECT_FALSE(Has(r, "\"destination\"")) << r.out;
 
     // A guest other than the one the demo expects: a Windows 7 system hive

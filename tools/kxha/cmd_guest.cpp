@@ -178,6 +178,9 @@ int GuestReg(const std::vector<std::wstring>& pos, const Args& args) {
 int GuestSafeBoot(const std::vector<std::wstring>& pos, const Args& args);
 int GuestResetMarkers(const std::vector<std::wstring>& pos, const Args& args);
 
+// cmd_guest_service.cpp
+int GuestInjectService(const std::vector<std::wstring>& pos);
+
 int CmdGuest(const Args& args) {
     const std::vector<std::wstring> pos = Positionals(args, {L"--depth", L"--target", L"--hostname", L"--boot-volume"});
     if (pos.size() == 2 && pos[0] == L"info") return GuestInfo(pos, HasFlag(args, L"--json"));
@@ -189,6 +192,7 @@ int CmdGuest(const Args& args) {
     if (pos.size() == 3 && pos[0] == L"diff") return GuestDiff(pos, args);
     if (pos.size() == 2 && pos[0] == L"fixup") return GuestFixup(pos, args);
     if (pos.size() == 3 && pos[0] == L"cd-letter") return GuestCdLetter(pos[1], pos[2]);
+    if (pos.size() == 3 && pos[0] == L"inject-service") return GuestInjectService(pos);
     Err(std::wstring(L"usage: ") + kGuestUsage + L"\n");
     return 2;
 }

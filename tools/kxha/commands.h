@@ -52,6 +52,7 @@ inline const wchar_t* const kGuestUsage =
     L"       kxha guest fixup <Windows folder> --target hyperv|vmware|xen|ec2|nutanix [--hostname NAME] [--rdp]\n"
     L"                        [--boot-volume <folder> [--uefi]]\n"
     L"       kxha guest cd-letter <Windows folder> <letter>\n"
+    L"       kxha guest inject-service <Windows folder> <helper service folder>\n"
     L"\n"
     L"guest diff lists the keys and values added, removed and changed from A to B; it exits 0\n"
     L"whenever both hives were read, with or without differences (1: a hive could not be read).\n"

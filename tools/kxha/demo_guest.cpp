@@ -24,7 +24,7 @@ std::wstring Sz(const std::wstring& s) { return L"REG_SZ " + s; }
 
 struct Expected {
     const wchar_t* hive;
-    std::wstring key, value, after;
+    std::wstring key, value, after;  // an empty `after`: any value
 };
 
 // The values the repair must leave, each in its hive. Other values may
@@ -63,6 +63,20 @@ std::vector<Expected> ExpectedChanges() {
         // One start in safe mode with networking, the helper service allowed there.
         {L"system", cs + L"Control\\SafeBoot\\Network\\qlnvmhelpersvc", L"", Sz(L"Service")},
         {L"system", svc + L"qlnvmhelpersvc", L"SetSafeBootFirst", Dword(1)},
+        // The helper service, an automatic own-process service as LocalSystem.
+        {L"system", svc + L"qlnvmhelpersvc", L"Type", Dword(0x10)},
+        {L"system", svc + L"qlnvmhelpersvc", L"Start", Dword(2)},
+        {L"system", svc + L"qlnvmhelpersvc", L"ErrorControl", Dword(1)},
+        {L"system", svc + L"qlnvmhelpersvc", L"ImagePath",
+         L"REG_EXPAND_SZ %SystemRoot%\\System32\\qlnvmhelpersvc\\qlnvmhelpersvc.exe"},
+        {L"system", svc + L"qlnvmhelpersvc", L"ObjectName", Sz(L"LocalSystem")},
+        {L"system", svc + L"qlnvmhelpersvc", L"DisplayName", Sz(L"Kestrix HA VM Helper Service")},
+        {L"system", svc + L"qlnvmhelpersvc", L"Description",
+         Sz(L"Finishes the preparation of a converted virtual machine on its first start.")},
+        {L"system", svc + L"qlnvmhelpersvc", L"FailureActions",
+         L"REG_BINARY 80 51 01 00 00 00 00 00 00 00 00 00 03 00 00 00 14 00 00 00 01 00 00 00 60 ea 00 00 01 00 00 00 "
+         L"... 44 bytes"},
+        {L"system", svc + L"qlnvmhelpersvc\\Security", L"Security", L""},  // any descriptor
         {L"BCD", L"Objects\\" + std::wstring(kLoader) + L"\\Elements\\25000080", L"Element",
          L"REG_BINARY 01 00 00 00 00 00 00 00"},
     };
@@ -84,7 +98,7 @@ std::vector<std::wstring> Check(const std::vector<HiveChanges>& hives, const std
         const std::wstring where = std::wstring(e.hive) + L" " + e.key + L" " + (e.value.empty() ? L"(Default)" : e.value);
         if (!found)
             problems.push_back(where + L": unchanged, expected " + e.after);
-        else if (Cell(*found, true) != e.after)
+        else if (!e.after.empty() && Cell(*found, true) != e.after)
             problems.push_back(where + L": " + Cell(*found, true) + L", expected " + e.after);
     }
     for (const HiveChanges& h : hives)
@@ -96,6 +110,20 @@ std::vector<std::wstring> Check(const std::vector<HiveChanges>& hives, const std
                                    L": changed unexpectedly, " + Cell(c, false) + L" -> " + Cell(c, true));
         }
     return problems;
+}
+
+// Small files written new (an existing one is an error), each with its text.
+template <size_t N>
+DWORD WriteStandIns(const std::pair<std::wstring, const char*> (&files)[N], std::wstring* what) {
+    for (const auto& [path, text] : files) {
+        kx::unique_hfile f(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+        DWORD written = 0;
+        if (!f || !::WriteFile(f.get(), text, static_cast<DWORD>(strlen(text)), &written, nullptr)) {
+            *what = L"writing " + path;
+            return ::GetLastError();
+        }
+    }
+    return 0;
 }
 
 struct FileCopy {
@@ -131,15 +159,20 @@ DWORD BuildGuestVolume(const std::wstring& data, const std::wstring& volume, std
     const std::pair<std::wstring, const char*> drivers[] = {
         {windows + L"\\System32\\Drivers\\intelide.sys", "demo IDE driver image\n"},
         {windows + L"\\" + kLsiFolder + L"\\lsi_scsi.sys", "demo LSI SCSI driver image\n"}};
-    for (const auto& [path, text] : drivers) {
-        kx::unique_hfile f(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
-        DWORD written = 0;
-        if (!f || !::WriteFile(f.get(), text, static_cast<DWORD>(strlen(text)), &written, nullptr)) {
-            *what = L"writing " + path;
-            return ::GetLastError();
-        }
+    return WriteStandIns(drivers, what);
+}
+
+// The helper service's build as the conversion job hands it over: a
+// stand-in binary (copied, never run) and its settings.
+DWORD WriteHelperSource(const std::wstring& helper, std::wstring* what) {
+    if (!::CreateDirectoryW(helper.c_str(), nullptr)) {
+        *what = L"making " + helper;
+        return ::GetLastError();
     }
-    return 0;
+    const std::pair<std::wstring, const char*> files[] = {
+        {helper + L"\\qlnvmhelpersvc.exe", "demo helper service image\n"},
+        {helper + L"\\helper.ini", "[helper]\r\nSetSafeBootFirst=1\r\n"}};
+    return WriteStandIns(files, what);
 }
 
 }  // namespace
@@ -155,8 +188,11 @@ int GuestStage(const std::wstring& folder, const std::wstring& data, bool json, 
     const std::wstring volume = folder + L"\\guest";
     std::wstring what;
     if (DWORD rc = BuildGuestVolume(data, volume, &what)) return Fail(what, rc);
+    const std::wstring helper = folder + L"\\helper-service";
+    if (DWORD rc = WriteHelperSource(helper, &what)) return Fail(what, rc);
     FixupPlan plan;
     plan.windows = volume + L"\\Windows";
+    plan.helperSource = helper;
     plan.targetType = TargetByName(L"hyperv")->type;
     plan.hostName = kHostName;
     plan.rdp = true;
@@ -173,7 +209,7 @@ int GuestStage(const std::wstring& folder, const std::wstring& data, bool json, 
     } else {
         std::wstring o = L"\nDemo guest: " + plan.windows + L" (Windows 7 SP1 from VMware), fixed up for Hyper-V as\n"
                          L"  kxha guest fixup <Windows> --target hyperv --hostname " + std::wstring(kHostName) +
-                         L" --rdp --boot-volume <volume>\n";
+                         L" --rdp --boot-volume <volume>\n  with the helper service injected from " + helper + L"\n";
         for (const HiveChanges& h : r.hives) o += L"\n" + h.name + L" hive: " + Num(h.changes.size()) + L" changes\n" + ChangeTable(h.changes, 2, 44);
         if (problems.empty())
             o += L"\nGuest check: all " + Num(ExpectedChanges().size()) +

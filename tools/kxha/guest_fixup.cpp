@@ -90,8 +90,12 @@ FixupResult RunGuestFixup(const FixupPlan& plan) {
         const std::wstring& dir = plan.windows;
         DWORD rc;
         if ((rc = GetSystemHiveKeyEx(dir, Put(system)))) return failed(L"GetSystemHiveKeyEx", rc);
-        if ((rc = GetSoftwareHiveKeyEx(dir, Put(software)))) return failed(L"GetSoftwareHiveKeyEx", rc);
+        if (plan.repair && (rc = GetSoftwareHiveKeyEx(dir, Put(software))))
+            return failed(L"GetSoftwareHiveKeyEx", rc);
         BYTE changed = 0;
+        if (!plan.helperSource.empty() &&
+            (rc = Ivm_InjectHelperServiceToHiveEx(dir, plan.helperSource, system.get())))
+            return failed(L"Ivm_InjectHelperServiceToHiveEx", rc);
         const Step steps[] = {
             {plan.ec2 ? L"InjectDriverForEC2Ex" : L"InjectIDEDriverEx",
              [&] {
@@ -105,7 +109,7 @@ FixupResult RunGuestFixup(const FixupPlan& plan) {
             {L"DisableDynamicUpdate", [&] { return DisableDynamicUpdate(dir, system.get(), &changed); }},
         };
         for (const Step& s : steps)
-            if ((rc = s.run())) return failed(s.name, rc);
+            if (plan.repair && (rc = s.run())) return failed(s.name, rc);
     }  // both hives unloaded: the changes are in the files
 
     DWORD rc;

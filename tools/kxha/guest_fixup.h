@@ -21,6 +21,8 @@ struct FixupPlan {
     bool rdp = false;         // open remote desktop
     std::wstring bootVolume;  // empty: no safe boot
     bool uefi = false;
+    std::wstring helperSource;  // non-empty: the helper service injected from this folder
+    bool repair = true;         // false: the helper service alone (the software hive is not loaded)
 };
 
 // The platform type a target name stands for; nullopt for an unknown name.
@@ -43,7 +45,8 @@ struct FixupResult {
     std::vector<HiveChanges> hives;  // filled when every step succeeded
 };
 
-// Copies the hives aside, loads both, injects the boot drivers (or prepares
+// Copies the hives aside, loads both, injects the helper service when a
+// source folder is given, injects the boot drivers (or prepares
 // for EC2), switches the platform services, opens remote desktop when asked,
 // turns off dynamic DNS updates, unloads (which writes the changes), then
 // sets the host name and safe boot when asked. Stops at the first failing

@@ -12,3 +12,4 @@
 #include "KestrixHA/guest_switches.h"
 #include "KestrixHA/guest_boot.h"
 #include "KestrixHA/guest_drivers.h"
+#include "KestrixHA/guest_script.h"

@@ -179,4 +179,11 @@ inline constexpr ExportLines kInjectSCSIDriver{L"InjectSCSIDriver", 2, nullptr, 
 inline constexpr ExportLines kInjectDriverForEC2Ex{L"InjectDriverForEC2Ex", 2, L"Begin driver injection for EC2.", 2,
                                                    L"Finish driver injection for EC2.", EndKind::Plain};
 
+// ---- guest startup scripts --------------------------------------------------------
+inline constexpr ExportLines kIvm_InjectStartupScriptToHive{
+    L"Ivm_InjectStartupScriptToHive", 2, L"begin Ivm_InjectStartupScriptToHive, dir=%s, script=%s", 2,
+    L"finish Ivm_InjectStartupScriptToHive, ret=%u", EndKind::Result};
+inline constexpr ExportLines kInjectScript{L"InjectScript", 2, L"begin InjectScript, dir=%s, script=%s", 2,
+                                           L"finish InjectScript, ret=%u", EndKind::Result};
+
 }  // namespace kx

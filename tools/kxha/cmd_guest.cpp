@@ -188,6 +188,7 @@ int CmdGuest(const Args& args) {
     if (pos.size() == 2 && pos[0] == L"ec2") return GuestEc2(pos[1]);
     if (pos.size() == 3 && pos[0] == L"diff") return GuestDiff(pos, args);
     if (pos.size() == 2 && pos[0] == L"fixup") return GuestFixup(pos, args);
+    if ((pos.size() == 3 || pos.size() == 4) && pos[0] == L"add-startup-script") return GuestAddStartupScript(pos);
     Err(std::wstring(L"usage: ") + kGuestUsage + L"\n");
     return 2;
 }

@@ -51,6 +51,7 @@ inline const wchar_t* const kGuestUsage =
     L"       kxha guest diff <hive file A> <hive file B> [--json]\n"
     L"       kxha guest fixup <Windows folder> --target hyperv|vmware|xen|ec2|nutanix [--hostname NAME] [--rdp]\n"
     L"                        [--boot-volume <folder> [--uefi]]\n"
+    L"       kxha guest add-startup-script <Windows folder> <script file> [parameters]\n"
     L"\n"
     L"guest diff lists the keys and values added, removed and changed from A to B; it exits 0\n"
     L"whenever both hives were read, with or without differences (1: a hive could not be read).\n"
@@ -65,5 +66,8 @@ int GuestEc2(const std::wstring& folder);
 // Two hive files compared, and the whole repair of a guest (cmd_guest_fixup.cpp).
 int GuestDiff(const std::vector<std::wstring>& pos, const Args& args);
 int GuestFixup(const std::vector<std::wstring>& pos, const Args& args);
+
+// A script copied into a guest that runs once at its next start (cmd_guest_script.cpp).
+int GuestAddStartupScript(const std::vector<std::wstring>& pos);
 
 }  // namespace kxha

@@ -112,6 +112,16 @@ DWORD NextIndex(const RegistryKey& key) {
     return next;
 }
 
+// The numeric sub-key of `key` whose string `value` is `wanted` (any case);
+// empty when none is.
+std::wstring IndexHolding(const RegistryKey& key, const wchar_t* value, const std::wstring& wanted) {
+    std::wstring name, text;
+    for (DWORD i = 0; key.EnumSubKey(i, &name) == ERROR_SUCCESS; ++i)
+        if (IsIndex(name) && !key.GetSubItem(name, KEY_READ).GetValue(value, L"", &text) && EqualsNoCase(text, wanted))
+            return name;
+    return {};
+}
+
 // One startup-script tree's change, undone unless kept.
 class ScriptEntry {
 public:
@@ -130,14 +140,7 @@ public:
         RegistryKey tree = hive_.Key(L"").CreateSubItem(tree_.substr(1), KEY_ALL_ACCESS);
         if (!tree) return Failed(tree.Error(), tree_);
         // The local policy's key when the guest has one, else the next index.
-        std::wstring gpo, name, id;
-        for (DWORD i = 0; tree.EnumSubKey(i, &name) == ERROR_SUCCESS; ++i) {
-            if (IsIndex(name) && !tree.GetSubItem(name, KEY_READ).GetValue(L"GPO-ID", L"", &id) &&
-                EqualsNoCase(id, kLocalGpo)) {
-                gpo = name;
-                break;
-            }
-        }
+        std::wstring gpo = IndexHolding(tree, L"GPO-ID", kLocalGpo);
         if (gpo.empty()) {
             gpo = std::to_wstring(NextIndex(tree));
             RegistryKey key = tree.CreateSubItem(gpo, KEY_ALL_ACCESS);
@@ -152,14 +155,7 @@ public:
             if (rc) return Failed(rc, created_);
         }
         RegistryKey policy = tree.GetSubItem(gpo, KEY_ALL_ACCESS);
-        std::wstring index, script;
-        for (DWORD i = 0; policy.EnumSubKey(i, &name) == ERROR_SUCCESS; ++i) {
-            if (IsIndex(name) && !policy.GetSubItem(name, KEY_READ).GetValue(L"Script", L"", &script) &&
-                EqualsNoCase(script, wrapper)) {
-                index = name;
-                break;
-            }
-        }
+        std::wstring index = IndexHolding(policy, L"Script", wrapper);
         if (index.empty()) {
             index = std::to_wstring(NextIndex(policy));
             if (created_.empty()) created_ = tree_ + L"\\" + gpo + L"\\" + index;

@@ -14,3 +14,4 @@
 #include "KestrixHA/guest_drivers.h"
 #include "KestrixHA/guest_cd.h"
 #include "KestrixHA/guest_service.h"
+#include "KestrixHA/guest_script.h"

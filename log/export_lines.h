@@ -196,5 +196,11 @@ inline constexpr ExportLines kIvm_InjectHelperServiceToHiveEx{
 inline constexpr ExportLines kIvm_InjectHelperServiceToHiveForVsb{
     L"Ivm_InjectHelperServiceToHiveForVsb", 2, L"Begin to inject helper service for standby.", 2,
     L"Finish injecting helper service for standby, ret=%u", EndKind::Result};
+// ---- guest startup scripts --------------------------------------------------------
+inline constexpr ExportLines kIvm_InjectStartupScriptToHive{
+    L"Ivm_InjectStartupScriptToHive", 2, L"begin Ivm_InjectStartupScriptToHive, dir=%s, script=%s", 2,
+    L"finish Ivm_InjectStartupScriptToHive, ret=%u", EndKind::Result};
+inline constexpr ExportLines kInjectScript{L"InjectScript", 2, L"begin InjectScript, dir=%s, script=%s", 2,
+                                           L"finish InjectScript, ret=%u", EndKind::Result};
 
 }  // namespace kx

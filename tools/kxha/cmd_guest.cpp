@@ -193,6 +193,7 @@ int CmdGuest(const Args& args) {
     if (pos.size() == 2 && pos[0] == L"fixup") return GuestFixup(pos, args);
     if (pos.size() == 3 && pos[0] == L"cd-letter") return GuestCdLetter(pos[1], pos[2]);
     if (pos.size() == 3 && pos[0] == L"inject-service") return GuestInjectService(pos);
+    if ((pos.size() == 3 || pos.size() == 4) && pos[0] == L"add-startup-script") return GuestAddStartupScript(pos);
     Err(std::wstring(L"usage: ") + kGuestUsage + L"\n");
     return 2;
 }

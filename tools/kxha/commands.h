@@ -53,6 +53,7 @@ inline const wchar_t* const kGuestUsage =
     L"                        [--boot-volume <folder> [--uefi]]\n"
     L"       kxha guest cd-letter <Windows folder> <letter>\n"
     L"       kxha guest inject-service <Windows folder> <helper service folder>\n"
+    L"       kxha guest add-startup-script <Windows folder> <script file> [parameters]\n"
     L"\n"
     L"guest diff lists the keys and values added, removed and changed from A to B; it exits 0\n"
     L"whenever both hives were read, with or without differences (1: a hive could not be read).\n"
@@ -70,5 +71,7 @@ int GuestFixup(const std::vector<std::wstring>& pos, const Args& args);
 
 // The drive letter of the CD-ROM a guest gets on Hyper-V (cmd_guest_cd.cpp).
 int GuestCdLetter(const std::wstring& folder, const std::wstring& letter);
+// A script copied into a guest that runs once at its next start (cmd_guest_script.cpp).
+int GuestAddStartupScript(const std::vector<std::wstring>& pos);
 
 }  // namespace kxha

@@ -316,7 +316,9 @@ void RunSequence(const Guest& guest, HiveLoader* system, HiveLoader* software) {
     {
         // Needs a loaded hive: the caller's, or one for this call alone.
         std::unique_ptr<HiveLoader> own;
-        if (!system) EXPECT_EQ(g::LoadGuestHive(g::GuestHive::kSystem, dir, &own), 0u);
+        if (!system) {
+            EXPECT_EQ(g::LoadGuestHive(g::GuestHive::kSystem, dir, &own), 0u);
+        }
         EXPECT_EQ(g::ResetPRTag(system ? system : own.get(), 0), 0u);
     }
     EXPECT_EQ(g::SetSafeBootFirst(system, dir), 0u);

@@ -16,6 +16,10 @@ pkgs=(
   libregf-utils reglookup        # independent registry hive readers
   gcab                           # cabinets of real files for the driver extraction tests
   gcc-mingw-w64-i686-posix       # a 32-bit PE (x86 hal.dll) for the platform detection tests
+  fdisk ntfs-3g                  # real partition tables (sfdisk) and NTFS boot sectors (mkntfs)
+  xorriso genisoimage            # independent ISO 9660 / Joliet writers and readers
+  dnsmasq                        # a DNS server on a private loopback for the resolver tests
+  util-linux                     # unshare, for that private network namespace
   python3
   procps                       # pgrep, used to keep Wine services detached
 )

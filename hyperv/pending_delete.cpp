@@ -1,0 +1,204 @@
+#include "hyperv/pending_delete.h"
+
+#include <algorithm>
+#include <memory>
+#include <new>
+
+#include "common/result_codes.h"
+#include "common/unique_resource.h"
+#include "common/wstring_format.h"
+#include "log/debug_log.h"
+#include "platform/unicode_ini.h"
+
+namespace kx::hyperv {
+
+namespace {
+
+constexpr const wchar_t* kFolderSection = L"INC_SESS_FOLDER";
+constexpr const wchar_t* kFolderKey = L"IncFolder";
+constexpr const wchar_t* kFolderSizeSection = L"INC_SESS_SIZE";
+constexpr const wchar_t* kFolderSizeKey = L"IncSize";
+constexpr const wchar_t* kPairSection = L"VHD_AVHD_LIST";
+constexpr const wchar_t* kPairKey = L"list";
+constexpr const wchar_t* kPairSizeSection = L"VHD_AVHD_SIZE";
+constexpr const wchar_t* kPairSizeKey = L"size";
+constexpr const wchar_t* kZeroGuid = L"00000000-0000-0000-0000-000000000000";
+
+bool FileExists(const std::wstring& path) {
+    WIN32_FIND_DATAW fd;
+    unique_hfind find(::FindFirstFileW(path.c_str(), &fd));
+    return find.valid();
+}
+
+// Creates the record when it is missing; the creation's code.
+DWORD EnsureRecord(const std::wstring& path, const wchar_t* routine) {
+    if (FileExists(path)) return 0;
+    const DWORD rc = _CreateIniWithUnicodePrefix(path.c_str());
+    if (rc) Log(0, L"%s, create ini failed, path = %s, rc = %d", routine, path.c_str(), rc);
+    return rc;
+}
+
+int ReadSize(const std::wstring& path, const wchar_t* section, const wchar_t* key) {
+    return static_cast<int>(::GetPrivateProfileIntW(section, key, 0, path.c_str()));
+}
+
+// A buffer of `chars` characters, or null when there is no memory for it.
+std::unique_ptr<wchar_t[]> Alloc(size_t chars) {
+    std::unique_ptr<wchar_t[]> buf(new (std::nothrow) wchar_t[chars]);
+    if (buf) buf[0] = 0;
+    return buf;
+}
+
+// Reads the value that a size key announces, into at most min(size, cap) + 2
+// characters. 0 with the text, 0xFFFFFFFF for a negative size, 0x8007000E.
+DWORD ReadSizedValue(const std::wstring& path, const wchar_t* routine, const wchar_t* sizeSection,
+                     const wchar_t* sizeKey, const wchar_t* section, const wchar_t* key, std::wstring& text) {
+    text.clear();
+    const int size = ReadSize(path, sizeSection, sizeKey);
+    if (size < 0) {
+        Log(2, L"%s, incorrect size, size = %d", routine, size);
+        return kFailNoCode;
+    }
+    if (size == 0) return 0;
+    const DWORD chars = static_cast<DWORD>(std::min(size, kPendingDelCap)) + 2;
+    auto buf = Alloc(chars);
+    if (!buf) {
+        Log(0, L"%s, Alloc buf, outofmem, size = %d", routine, size);
+        return kE_OUTOFMEMORY;
+    }
+    const DWORD got = ::GetPrivateProfileStringW(section, key, L"", buf.get(), chars, path.c_str());
+    text.assign(buf.get(), got);
+    return 0;
+}
+
+// Writes a list value and then its length; the lines name the routine.
+DWORD WriteSizedValue(const std::wstring& path, const wchar_t* routine, const wchar_t* section, const wchar_t* key,
+                      const wchar_t* sizeSection, const wchar_t* sizeKey, const std::wstring& value) {
+    if (!::WritePrivateProfileStringW(section, key, value.c_str(), path.c_str())) {
+        const DWORD rc = LastErrorOr();
+        Log(0, L"%s, write failed, path = %s, rc = %d", routine, path.c_str(), rc);
+        return rc;
+    }
+    const int count = static_cast<int>(value.size());
+    if (!::WritePrivateProfileStringW(sizeSection, sizeKey, std::to_wstring(count).c_str(), path.c_str())) {
+        const DWORD rc = LastErrorOr();
+        Log(0, L"%s, update folder size failed, path = %s, cnt = %d, rc = %d", routine, path.c_str(), count, rc);
+        return rc;
+    }
+    return 0;
+}
+
+std::wstring JoinFolders(const std::vector<std::wstring>& folders) {
+    std::wstring out;
+    for (const auto& f : folders) out += f + L"|";
+    return out;
+}
+
+}  // namespace
+
+std::wstring PendingDelRecordPath(const PendingDelContext& context) {
+    return JoinPath(context.dataFolder, context.vmGuid + L"_vcm_to_del.ini");
+}
+
+bool IsAcceptedPair(const std::wstring& base, const std::wstring& differencing) {
+    const std::wstring zero = kZeroGuid;
+    return (EndsWithNoCase(base, L".vhd") && EndsWithNoCase(differencing, zero + L".avhd")) ||
+           (EndsWithNoCase(base, L".vhdx") && EndsWithNoCase(differencing, zero + L".avhdx"));
+}
+
+DWORD _ReadPendingDelFolderFromCfgFile(const PendingDelContext& context, std::vector<std::wstring>& folders) {
+    constexpr const wchar_t* routine = L"_ReadPendingDelFolderFromCfgFile";
+    folders.clear();
+    const std::wstring path = PendingDelRecordPath(context);
+    if (DWORD rc = EnsureRecord(path, routine)) return rc;
+    std::wstring text;
+    if (DWORD rc = ReadSizedValue(path, routine, kFolderSizeSection, kFolderSizeKey, kFolderSection, kFolderKey, text))
+        return rc;
+    // Each run ended by "|" is a folder; a last run without one was cut off.
+    size_t start = 0;
+    for (size_t bar = text.find(L'|'); bar != std::wstring::npos; bar = text.find(L'|', start)) {
+        folders.push_back(text.substr(start, bar - start));
+        start = bar + 1;
+    }
+    return 0;
+}
+
+DWORD _AddPendingDelFolderToCfgFile(const PendingDelContext& context, const std::vector<std::wstring>& folders) {
+    constexpr const wchar_t* routine = L"_AddPendingDelFolderToCfgFile";
+    if (folders.empty()) return 0;
+    const std::wstring path = PendingDelRecordPath(context);
+    if (DWORD rc = EnsureRecord(path, routine)) return rc;
+    const int size = ReadSize(path, kFolderSizeSection, kFolderSizeKey);
+    if (size < 0) {
+        Log(2, L"%s, incorrect size, size = %d", routine, size);
+        return kFailNoCode;
+    }
+    const std::wstring addition = JoinFolders(folders);
+    const size_t trusted = static_cast<size_t>(std::min(size, kPendingDelCap));
+    const size_t chars = addition.size() + 2 + trusted;
+    auto buf = Alloc(chars);
+    if (!buf) {
+        Log(0, L"%s, Alloc buf, outofmem, size = %d", routine, size);
+        return kE_OUTOFMEMORY;
+    }
+    // The old value takes at most what its size key announces (plus the
+    // reader's slack), so the new entries always fit behind it.
+    const DWORD got = ::GetPrivateProfileStringW(kFolderSection, kFolderKey, L"", buf.get(),
+                                                 static_cast<DWORD>(trusted + 2), path.c_str());
+    std::wstring value(buf.get(), got);
+    // A cut-off last entry would run into the first new one: drop it, as the
+    // reader would.
+    const size_t lastBar = value.rfind(L'|');
+    value.resize(lastBar == std::wstring::npos ? 0 : lastBar + 1);
+    value += addition.substr(0, chars - 1 - value.size());
+    return WriteSizedValue(path, routine, kFolderSection, kFolderKey, kFolderSizeSection, kFolderSizeKey, value);
+}
+
+DWORD _WritePendingDelFolderToCfgFile(const PendingDelContext& context, const std::vector<std::wstring>& folders) {
+    constexpr const wchar_t* routine = L"_WritePendingDelFolderToCfgFile";
+    const std::wstring path = PendingDelRecordPath(context);
+    if (DWORD rc = EnsureRecord(path, routine)) return rc;
+    return WriteSizedValue(path, routine, kFolderSection, kFolderKey, kFolderSizeSection, kFolderSizeKey,
+                           JoinFolders(folders));
+}
+
+DWORD _ReadPendingDelPair(const PendingDelContext& context, std::vector<DiskPair>& pairs) {
+    constexpr const wchar_t* routine = L"_ReadPendingDelPair";
+    pairs.clear();
+    const std::wstring path = PendingDelRecordPath(context);
+    if (DWORD rc = EnsureRecord(path, routine)) return rc;
+    std::wstring text;
+    if (DWORD rc = ReadSizedValue(path, routine, kPairSizeSection, kPairSizeKey, kPairSection, kPairKey, text))
+        return rc;
+    size_t start = 0;
+    while (start <= text.size()) {
+        size_t end = text.find_first_of(L"<>", start);
+        if (end == std::wstring::npos) end = text.size();
+        if (end > start) {
+            const std::wstring token = text.substr(start, end - start);
+            const size_t bar = token.find(L'|');
+            std::wstring base = token.substr(0, bar);
+            std::wstring differencing = bar == std::wstring::npos ? L"" : token.substr(bar + 1);
+            if (IsAcceptedPair(base, differencing)) pairs.emplace_back(std::move(base), std::move(differencing));
+        }
+        start = end + 1;
+    }
+    return 0;
+}
+
+DWORD _WritePendingDelPair(const PendingDelContext& context, const std::vector<DiskPair>& pairs) {
+    constexpr const wchar_t* routine = L"_WritePendingDelPair";
+    const std::wstring path = PendingDelRecordPath(context);
+    if (DWORD rc = EnsureRecord(path, routine)) return rc;
+    std::wstring value;
+    for (const auto& [base, differencing] : pairs) value += L"<" + base + L"|" + differencing + L">";
+    return WriteSizedValue(path, routine, kPairSection, kPairKey, kPairSizeSection, kPairSizeKey, value);
+}
+
+void _AppendToPendingDelVhdList(const std::wstring& base, const std::wstring& differencing,
+                                std::vector<DiskPair>& pairs) {
+    Log(2, L"_AppendToPendingDelVhdList, vhd = %s, avhd = %s", base.c_str(), differencing.c_str());
+    pairs.emplace_back(base, differencing);
+}
+
+}  // namespace kx::hyperv

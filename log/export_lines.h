@@ -203,4 +203,48 @@ inline constexpr ExportLines kIvm_InjectStartupScriptToHive{
 inline constexpr ExportLines kInjectScript{L"InjectScript", 2, L"begin InjectScript, dir=%s, script=%s", 2,
                                            L"finish InjectScript, ret=%u", EndKind::Result};
 
+// ---- Hyper-V snapshots: disk chain, mark files, recovery information, deletion ----
+// The recovery-information exports and the copy size write their own end
+// lines (they carry the path or the size beside the result).
+inline constexpr ExportLines kGetDirOfMarkFile_HyperV{
+    L"GetDirOfMarkFile_HyperV", 2, L"GetDirOfMarkFile_HyperV begin, input_root = %s, markfile = %s", 2,
+    L"GetDirOfMarkFile_HyperV end, rc = %d", EndKind::Result, nullptr, kE_INVALIDARG};
+inline constexpr ExportLines kGetDirOfMarkFileByVm_HyperV{
+    L"GetDirOfMarkFileByVm_HyperV", 2, L"GetDirOfMarkFileVm_HyperV begin, vm = %s, markfile = %s", 2,
+    L"GetDirOfMarkFileVm_HyperV end, rc = %d", EndKind::Result, nullptr, kE_INVALIDARG};
+inline constexpr ExportLines kGetOffcopySize_HyperV{L"GetOffcopySize_HyperV", 2,
+                                                    L"GetOffcopySize_HyperV begin, input root = %s", 2, nullptr,
+                                                    EndKind::None, nullptr, kE_INVALIDARG};
+inline constexpr ExportLines kGetDrInfoLocalCopyPathForSnapNow_HyperV{
+    L"GetDrInfoLocalCopyPathForSnapNow_HyperV", 2, L"GetAdrLocalCopyPath_HyperV begin, vmname = %s, vmguid = %s", 2,
+    nullptr, EndKind::None, nullptr, kE_INVALIDARG};
+inline constexpr ExportLines kGetAdrInfoCLocalCopyPathForSnapNow_HyperV{
+    L"GetAdrInfoCLocalCopyPathForSnapNow_HyperV", 2,
+    L"GetAdrInfoCLocalCopyPathForSnapNow_HyperV begin, vmname = %s, vmguid = %s", 2, nullptr, EndKind::None, nullptr,
+    kE_INVALIDARG};
+inline constexpr ExportLines kGetIVMAdrConfigLocalCopyPathForSnapNow_HyperV{
+    L"GetIVMAdrConfigLocalCopyPathForSnapNow_HyperV", 2,
+    L"GetIVMAdrConfigLocalCopyPathForSnapNow_HyperV begin, vmname = %s, vmguid = %s", 2, nullptr, EndKind::None,
+    nullptr, kE_INVALIDARG};
+inline constexpr ExportLines kBeginDeleteSnapshot_HyperV{L"BeginDeleteSnapshot_HyperV", 2,
+                                                         L"%s(%s, %s) starts...", 2, kFinished, EndKind::Result,
+                                                         L"%s() failed due to invalid parameter", kE_INVALIDARG};
+inline constexpr ExportLines kEndDeleteSnapshot_HyperV{L"EndDeleteSnapshot_HyperV", 2, L"%s(0x%p, %d) starts...", 2,
+                                                       L"%s() finished, removed = [%d], pending = [%d], rc = [%d]",
+                                                       EndKind::Values, L"%s() failed due to invalid parameter",
+                                                       kE_INVALIDARG};
+inline constexpr ExportLines kCleanUselessVirtualDisk{L"CleanUselessVirtualDisk", 2, L"%s(%s, %s) starts...", 2,
+                                                      L"%s() finished, removed = [%d], kept = [%d], rc = [%d]",
+                                                      EndKind::Values, L"%s() failed due to invalid parameter",
+                                                      kE_INVALIDARG};
+
+// The pending-delete record on its own (read, add, replay), for the tool.
+inline constexpr ExportLines kKxReadPendingDelRecord{L"KxReadPendingDelRecord", 2, L"%s(%s, %s) starts...", 2,
+                                                     kFinished, EndKind::Result};
+inline constexpr ExportLines kKxAddPendingDelRecord{L"KxAddPendingDelRecord", 2, L"%s(%s, %s) starts...", 2,
+                                                    kFinished, EndKind::Result};
+inline constexpr ExportLines kKxReplayPendingDelRecord{L"KxReplayPendingDelRecord", 2, L"%s(%s, %s) starts...", 2,
+                                                       L"%s() finished, removed = [%d], pending = [%d], rc = [%d]",
+                                                       EndKind::Values};
+
 }  // namespace kx

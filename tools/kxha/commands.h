@@ -74,4 +74,8 @@ int GuestCdLetter(const std::wstring& folder, const std::wstring& letter);
 // A script copied into a guest that runs once at its next start (cmd_guest_script.cpp).
 int GuestAddStartupScript(const std::vector<std::wstring>& pos);
 
+// Hyper-V book-keeping: mark files, destination sizes, recovery-information
+// paths and the pending-delete record (cmd_hyperv.cpp).
+int CmdHyperV(const Args& args);
+
 }  // namespace kxha

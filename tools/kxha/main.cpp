@@ -35,6 +35,19 @@ const std::vector<Command>& Commands() {
         {L"guest", L"read, compare and repair an offline Windows guest's registry hives", kGuestUsage, CmdGuest},
         {L"version", L"show the library's version resource", L"kxha version [--json]", CmdVersion},
         {L"log", L"show where the debug log is and its last lines", L"kxha log [--lines N] [--json]", CmdLog},
+        {L"hyperv", L"mark files, destination sizes, recovery paths and pending deletes of Hyper-V VMs",
+         L"kxha hyperv <subcommand> ... [--json]\n\n"
+         L"  mark <root> <mark file>               the destination root that holds the mark file\n"
+         L"  mark-vm <vm guid> <mark file>         the same, from the destinations of the VM's snapshots\n"
+         L"  offcopy-size <root>                   bytes in the destinations on the root's volume\n"
+         L"  paths <vm guid> [--name NAME]         where the VM's recovery information is copied\n"
+         L"  record show <vm guid> [--data-folder DIR]\n"
+         L"  record add <vm guid> [--data-folder DIR] [--folder DIR]... [--pair BASE|DIFFERENCING]...\n"
+         L"  record replay <vm guid> [--data-folder DIR] [--without-hyperv]\n\n"
+         L"record works on <data folder>\\<vm guid>_vcm_to_del.ini; without --data-folder the folder\n"
+         L"comes from Hyper-V. replay removes what the record names unless the VM still uses it;\n"
+         L"--without-hyperv (with --data-folder) skips that check: only files held open are kept.",
+         CmdHyperV},
     };
     return commands;
 }

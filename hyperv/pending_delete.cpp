@@ -14,14 +14,15 @@ namespace kx::hyperv {
 
 namespace {
 
-constexpr const wchar_t* kFolderSection = L"INC_SESS_FOLDER";
-constexpr const wchar_t* kFolderKey = L"IncFolder";
-constexpr const wchar_t* kFolderSizeSection = L"INC_SESS_SIZE";
-constexpr const wchar_t* kFolderSizeKey = L"IncSize";
-constexpr const wchar_t* kPairSection = L"VHD_AVHD_LIST";
-constexpr const wchar_t* kPairKey = L"list";
-constexpr const wchar_t* kPairSizeSection = L"VHD_AVHD_SIZE";
-constexpr const wchar_t* kPairSizeKey = L"size";
+// Where a list and its size key live.
+struct ListKeys {
+    const wchar_t* section;
+    const wchar_t* key;
+    const wchar_t* sizeSection;
+    const wchar_t* sizeKey;
+};
+constexpr ListKeys kFolders{L"INC_SESS_FOLDER", L"IncFolder", L"INC_SESS_SIZE", L"IncSize"};
+constexpr ListKeys kPairs{L"VHD_AVHD_LIST", L"list", L"VHD_AVHD_SIZE", L"size"};
 constexpr const wchar_t* kZeroGuid = L"00000000-0000-0000-0000-000000000000";
 
 bool FileExists(const std::wstring& path) {
@@ -49,12 +50,14 @@ std::unique_ptr<wchar_t[]> Alloc(size_t chars) {
     return buf;
 }
 
-// Reads the value that a size key announces, into at most min(size, cap) + 2
-// characters. 0 with the text, 0xFFFFFFFF for a negative size, 0x8007000E.
-DWORD ReadSizedValue(const std::wstring& path, const wchar_t* routine, const wchar_t* sizeSection,
-                     const wchar_t* sizeKey, const wchar_t* section, const wchar_t* key, std::wstring& text) {
+// Creates the record when missing and reads the value that a size key
+// announces, into at most min(size, cap) + 2 characters. 0 with the text,
+// the creation's code, 0xFFFFFFFF for a negative size, 0x8007000E.
+DWORD ReadList(const PendingDelContext& context, const wchar_t* routine, const ListKeys& list, std::wstring& text) {
     text.clear();
-    const int size = ReadSize(path, sizeSection, sizeKey);
+    const std::wstring path = PendingDelRecordPath(context);
+    if (DWORD rc = EnsureRecord(path, routine)) return rc;
+    const int size = ReadSize(path, list.sizeSection, list.sizeKey);
     if (size < 0) {
         Log(2, L"%s, incorrect size, size = %d", routine, size);
         return kFailNoCode;
@@ -66,21 +69,24 @@ DWORD ReadSizedValue(const std::wstring& path, const wchar_t* routine, const wch
         Log(0, L"%s, Alloc buf, outofmem, size = %d", routine, size);
         return kE_OUTOFMEMORY;
     }
-    const DWORD got = ::GetPrivateProfileStringW(section, key, L"", buf.get(), chars, path.c_str());
+    const DWORD got = ::GetPrivateProfileStringW(list.section, list.key, L"", buf.get(), chars, path.c_str());
     text.assign(buf.get(), got);
     return 0;
 }
 
-// Writes a list value and then its length; the lines name the routine.
-DWORD WriteSizedValue(const std::wstring& path, const wchar_t* routine, const wchar_t* section, const wchar_t* key,
-                      const wchar_t* sizeSection, const wchar_t* sizeKey, const std::wstring& value) {
-    if (!::WritePrivateProfileStringW(section, key, value.c_str(), path.c_str())) {
+// Writes a list value and then its length (the record made first when it
+// is missing); the lines name the routine.
+DWORD WriteList(const PendingDelContext& context, const wchar_t* routine, const ListKeys& list,
+                const std::wstring& value) {
+    const std::wstring path = PendingDelRecordPath(context);
+    if (DWORD rc = EnsureRecord(path, routine)) return rc;
+    if (!::WritePrivateProfileStringW(list.section, list.key, value.c_str(), path.c_str())) {
         const DWORD rc = LastErrorOr();
         Log(0, L"%s, write failed, path = %s, rc = %d", routine, path.c_str(), rc);
         return rc;
     }
     const int count = static_cast<int>(value.size());
-    if (!::WritePrivateProfileStringW(sizeSection, sizeKey, std::to_wstring(count).c_str(), path.c_str())) {
+    if (!::WritePrivateProfileStringW(list.sizeSection, list.sizeKey, std::to_wstring(count).c_str(), path.c_str())) {
         const DWORD rc = LastErrorOr();
         Log(0, L"%s, update folder size failed, path = %s, cnt = %d, rc = %d", routine, path.c_str(), count, rc);
         return rc;
@@ -109,11 +115,8 @@ bool IsAcceptedPair(const std::wstring& base, const std::wstring& differencing) 
 DWORD _ReadPendingDelFolderFromCfgFile(const PendingDelContext& context, std::vector<std::wstring>& folders) {
     constexpr const wchar_t* routine = L"_ReadPendingDelFolderFromCfgFile";
     folders.clear();
-    const std::wstring path = PendingDelRecordPath(context);
-    if (DWORD rc = EnsureRecord(path, routine)) return rc;
     std::wstring text;
-    if (DWORD rc = ReadSizedValue(path, routine, kFolderSizeSection, kFolderSizeKey, kFolderSection, kFolderKey, text))
-        return rc;
+    if (DWORD rc = ReadList(context, routine, kFolders, text)) return rc;
     // Each run ended by "|" is a folder; a last run without one was cut off.
     size_t start = 0;
     for (size_t bar = text.find(L'|'); bar != std::wstring::npos; bar = text.find(L'|', start)) {
@@ -128,7 +131,7 @@ DWORD _AddPendingDelFolderToCfgFile(const PendingDelContext& context, const std:
     if (folders.empty()) return 0;
     const std::wstring path = PendingDelRecordPath(context);
     if (DWORD rc = EnsureRecord(path, routine)) return rc;
-    const int size = ReadSize(path, kFolderSizeSection, kFolderSizeKey);
+    const int size = ReadSize(path, kFolders.sizeSection, kFolders.sizeKey);
     if (size < 0) {
         Log(2, L"%s, incorrect size, size = %d", routine, size);
         return kFailNoCode;
@@ -143,7 +146,7 @@ DWORD _AddPendingDelFolderToCfgFile(const PendingDelContext& context, const std:
     }
     // The old value takes at most what its size key announces (plus the
     // reader's slack), so the new entries always fit behind it.
-    const DWORD got = ::GetPrivateProfileStringW(kFolderSection, kFolderKey, L"", buf.get(),
+    const DWORD got = ::GetPrivateProfileStringW(kFolders.section, kFolders.key, L"", buf.get(),
                                                  static_cast<DWORD>(trusted + 2), path.c_str());
     std::wstring value(buf.get(), got);
     // A cut-off last entry would run into the first new one: drop it, as the
@@ -151,25 +154,18 @@ DWORD _AddPendingDelFolderToCfgFile(const PendingDelContext& context, const std:
     const size_t lastBar = value.rfind(L'|');
     value.resize(lastBar == std::wstring::npos ? 0 : lastBar + 1);
     value += addition.substr(0, chars - 1 - value.size());
-    return WriteSizedValue(path, routine, kFolderSection, kFolderKey, kFolderSizeSection, kFolderSizeKey, value);
+    return WriteList(context, routine, kFolders, value);
 }
 
 DWORD _WritePendingDelFolderToCfgFile(const PendingDelContext& context, const std::vector<std::wstring>& folders) {
-    constexpr const wchar_t* routine = L"_WritePendingDelFolderToCfgFile";
-    const std::wstring path = PendingDelRecordPath(context);
-    if (DWORD rc = EnsureRecord(path, routine)) return rc;
-    return WriteSizedValue(path, routine, kFolderSection, kFolderKey, kFolderSizeSection, kFolderSizeKey,
-                           JoinFolders(folders));
+    return WriteList(context, L"_WritePendingDelFolderToCfgFile", kFolders, JoinFolders(folders));
 }
 
 DWORD _ReadPendingDelPair(const PendingDelContext& context, std::vector<DiskPair>& pairs) {
     constexpr const wchar_t* routine = L"_ReadPendingDelPair";
     pairs.clear();
-    const std::wstring path = PendingDelRecordPath(context);
-    if (DWORD rc = EnsureRecord(path, routine)) return rc;
     std::wstring text;
-    if (DWORD rc = ReadSizedValue(path, routine, kPairSizeSection, kPairSizeKey, kPairSection, kPairKey, text))
-        return rc;
+    if (DWORD rc = ReadList(context, routine, kPairs, text)) return rc;
     size_t start = 0;
     while (start <= text.size()) {
         size_t end = text.find_first_of(L"<>", start);
@@ -187,12 +183,9 @@ DWORD _ReadPendingDelPair(const PendingDelContext& context, std::vector<DiskPair
 }
 
 DWORD _WritePendingDelPair(const PendingDelContext& context, const std::vector<DiskPair>& pairs) {
-    constexpr const wchar_t* routine = L"_WritePendingDelPair";
-    const std::wstring path = PendingDelRecordPath(context);
-    if (DWORD rc = EnsureRecord(path, routine)) return rc;
     std::wstring value;
     for (const auto& [base, differencing] : pairs) value += L"<" + base + L"|" + differencing + L">";
-    return WriteSizedValue(path, routine, kPairSection, kPairKey, kPairSizeSection, kPairSizeKey, value);
+    return WriteList(context, L"_WritePendingDelPair", kPairs, value);
 }
 
 void _AppendToPendingDelVhdList(const std::wstring& base, const std::wstring& differencing,

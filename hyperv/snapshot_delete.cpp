@@ -69,6 +69,17 @@ bool SamePair(const DiskPair& a, const DiskPair& b) {
     return EqualsNoCase(a.first, b.first) && EqualsNoCase(a.second, b.second);
 }
 
+// Adds pairs to the record's pair list, each once.
+DWORD AddPairs(const PendingDelContext& context, const std::vector<DiskPair>& pairs) {
+    if (pairs.empty()) return 0;
+    std::vector<DiskPair> recorded;
+    if (DWORD rc = _ReadPendingDelPair(context, recorded)) return rc;
+    for (const auto& pair : pairs)
+        if (std::none_of(recorded.begin(), recorded.end(), [&](const DiskPair& r) { return SamePair(r, pair); }))
+            recorded.push_back(pair);
+    return _WritePendingDelPair(context, recorded);
+}
+
 DWORD OpenVm(const wchar_t* vmGuid, std::unique_ptr<platform::HyperVOperation>& operation,
              std::unique_ptr<platform::HyperVVm>& vm, const wchar_t* fn) {
     if (platform::HyperV().OpenHyperVOperation(L"", L"", L"", &operation) != 0 || !operation) {
@@ -278,14 +289,7 @@ DWORD EndDeleteSnapshot_HyperV(SnapshotDeleteHandle* handle, bool snapshotDelete
                 }
             }
             if (DWORD rc = _AddPendingDelFolderToCfgFile(deletion->record, pendingFolders)) return rc;
-            if (!pendingPairs.empty()) {
-                std::vector<DiskPair> recorded;
-                if (DWORD rc = _ReadPendingDelPair(deletion->record, recorded)) return rc;
-                for (const auto& pair : pendingPairs)
-                    if (std::none_of(recorded.begin(), recorded.end(), [&](const DiskPair& r) { return SamePair(r, pair); }))
-                        recorded.push_back(pair);
-                if (DWORD rc = _WritePendingDelPair(deletion->record, recorded)) return rc;
-            }
+            if (DWORD rc = AddPairs(deletion->record, pendingPairs)) return rc;
             return frame.End(0, removed, static_cast<int>(pendingFolders.size() + pendingPairs.size()), 0);
         },
         static_cast<void*>(handle), static_cast<int>(snapshotDeleted));
@@ -388,13 +392,7 @@ DWORD AddPendingDelete(const wchar_t* vmGuid, const wchar_t* dataFolder, const s
             PendingDelContext context;
             if (DWORD rc = RecordOf(vmGuid, dataFolder, fn, context, nullptr)) return rc;
             if (DWORD rc = _AddPendingDelFolderToCfgFile(context, folders)) return rc;
-            if (pairs.empty()) return 0;
-            std::vector<DiskPair> recorded;
-            if (DWORD rc = _ReadPendingDelPair(context, recorded)) return rc;
-            for (const auto& pair : pairs)
-                if (std::none_of(recorded.begin(), recorded.end(), [&](const DiskPair& r) { return SamePair(r, pair); }))
-                    recorded.push_back(pair);
-            return _WritePendingDelPair(context, recorded);
+            return AddPairs(context, pairs);
         },
         OrNull(vmGuid), OrNull(dataFolder));
 }

@@ -50,18 +50,27 @@ std::unique_ptr<wchar_t[]> Alloc(size_t chars) {
     return buf;
 }
 
-// Creates the record when missing and reads the value that a size key
-// announces, into at most min(size, cap) + 2 characters. 0 with the text,
-// the creation's code, 0xFFFFFFFF for a negative size, 0x8007000E.
-DWORD ReadList(const PendingDelContext& context, const wchar_t* routine, const ListKeys& list, std::wstring& text) {
-    text.clear();
-    const std::wstring path = PendingDelRecordPath(context);
+// The record's path (the file made when missing) and a list's size key. 0,
+// the creation's code, or 0xFFFFFFFF for a negative size.
+DWORD SizeOfList(const PendingDelContext& context, const wchar_t* routine, const ListKeys& list, std::wstring& path,
+                 int& size) {
+    path = PendingDelRecordPath(context);
     if (DWORD rc = EnsureRecord(path, routine)) return rc;
-    const int size = ReadSize(path, list.sizeSection, list.sizeKey);
+    size = ReadSize(path, list.sizeSection, list.sizeKey);
     if (size < 0) {
         Log(2, L"%s, incorrect size, size = %d", routine, size);
         return kFailNoCode;
     }
+    return 0;
+}
+
+// Reads the value that a size key announces, into at most min(size, cap) + 2
+// characters. 0 with the text, SizeOfList's codes, or 0x8007000E.
+DWORD ReadList(const PendingDelContext& context, const wchar_t* routine, const ListKeys& list, std::wstring& text) {
+    text.clear();
+    std::wstring path;
+    int size = 0;
+    if (DWORD rc = SizeOfList(context, routine, list, path, size)) return rc;
     if (size == 0) return 0;
     const DWORD chars = static_cast<DWORD>(std::min(size, kPendingDelCap)) + 2;
     auto buf = Alloc(chars);
@@ -129,13 +138,9 @@ DWORD _ReadPendingDelFolderFromCfgFile(const PendingDelContext& context, std::ve
 DWORD _AddPendingDelFolderToCfgFile(const PendingDelContext& context, const std::vector<std::wstring>& folders) {
     constexpr const wchar_t* routine = L"_AddPendingDelFolderToCfgFile";
     if (folders.empty()) return 0;
-    const std::wstring path = PendingDelRecordPath(context);
-    if (DWORD rc = EnsureRecord(path, routine)) return rc;
-    const int size = ReadSize(path, kFolders.sizeSection, kFolders.sizeKey);
-    if (size < 0) {
-        Log(2, L"%s, incorrect size, size = %d", routine, size);
-        return kFailNoCode;
-    }
+    std::wstring path;
+    int size = 0;
+    if (DWORD rc = SizeOfList(context, routine, kFolders, path, size)) return rc;
     const std::wstring addition = JoinFolders(folders);
     const size_t trusted = static_cast<size_t>(std::min(size, kPendingDelCap));
     const size_t chars = addition.size() + 2 + trusted;

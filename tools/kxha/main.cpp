@@ -44,8 +44,9 @@ const std::vector<Command>& Commands() {
          L"  record show <vm guid> [--data-folder DIR]\n"
          L"  record add <vm guid> [--data-folder DIR] [--folder DIR]... [--pair BASE|DIFFERENCING]...\n"
          L"  record replay <vm guid> [--data-folder DIR] [--without-hyperv]\n\n"
-         L"record works on <data folder>\\<vm guid>_vcm_to_del.ini; without --data-folder the folder\n"
-         L"comes from Hyper-V. replay removes what the record names unless the VM still uses it;\n"
+         L"record works on <data folder>\\<vm guid>_vcm_to_del.ini; add prints the record afterwards.\n"
+         L"Without --data-folder the folder comes from Hyper-V. replay removes what the record names\n"
+         L"unless the VM still uses it;\n"
          L"--without-hyperv (with --data-folder) skips that check: only files held open are kept.",
          CmdHyperV},
     };

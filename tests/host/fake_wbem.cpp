@@ -18,11 +18,36 @@ kx::unique_variant Copy(const VARIANT* from) {
     return v;
 }
 
-// An instance, a class (with methods) or a method's parameter object.
-class FakeObject : public IWbemClassObject {
+// IUnknown of a fake that lives on the heap: counted in LiveObjects(),
+// deleted with its last reference.
+template <class I, const IID& Iid>
+class Counted : public I {
 public:
-    FakeObject() { ++g_live; }
-    virtual ~FakeObject() { --g_live; }
+    Counted() { ++g_live; }
+    virtual ~Counted() { --g_live; }
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
+        if (riid == IID_IUnknown || riid == Iid) {
+            *out = static_cast<I*>(this);
+            AddRef();
+            return S_OK;
+        }
+        *out = nullptr;
+        return E_NOINTERFACE;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
+    ULONG STDMETHODCALLTYPE Release() override {
+        const ULONG n = --refs_;
+        if (n == 0) delete this;
+        return n;
+    }
+
+private:
+    std::atomic<ULONG> refs_{1};
+};
+
+// An instance, a class (with methods) or a method's parameter object.
+class FakeObject : public Counted<IWbemClassObject, IID_IWbemClassObject> {
+public:
 
     // Parameter objects accept only their declared names.
     bool closed = false;
@@ -42,21 +67,6 @@ public:
         props.emplace_back(name, Copy(value));
     }
 
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
-        if (riid == IID_IUnknown || riid == IID_IWbemClassObject) {
-            *out = static_cast<IWbemClassObject*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *out = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
-    ULONG STDMETHODCALLTYPE Release() override {
-        const ULONG n = --refs_;
-        if (n == 0) delete this;
-        return n;
-    }
     HRESULT STDMETHODCALLTYPE Get(LPCWSTR name, LONG, VARIANT* value, CIMTYPE* type, LONG* flavor) override {
         if (type) *type = 0;
         if (flavor) *flavor = 0;
@@ -99,54 +109,34 @@ public:
     std::vector<std::wstring> putOrder;
 
     // Not used by the client.
-    HRESULT STDMETHODCALLTYPE GetQualifierSet(IWbemQualifierSet**) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE Delete(LPCWSTR) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetNames(LPCWSTR, LONG, VARIANT*, SAFEARRAY**) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE BeginEnumeration(LONG) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE Next(LONG, BSTR*, VARIANT*, CIMTYPE*, LONG*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE EndEnumeration() override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetPropertyQualifierSet(LPCWSTR, IWbemQualifierSet**) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE Clone(IWbemClassObject**) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetObjectText(LONG, BSTR*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE SpawnDerivedClass(LONG, IWbemClassObject**) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE CompareTo(LONG, IWbemClassObject*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetPropertyOrigin(LPCWSTR, BSTR*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE InheritsFrom(LPCWSTR) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE PutMethod(LPCWSTR, LONG, IWbemClassObject*, IWbemClassObject*) override {
-        return E_NOTIMPL;
-    }
-    HRESULT STDMETHODCALLTYPE DeleteMethod(LPCWSTR) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE BeginMethodEnumeration(LONG) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE NextMethod(LONG, BSTR*, IWbemClassObject**, IWbemClassObject**) override {
-        return E_NOTIMPL;
-    }
-    HRESULT STDMETHODCALLTYPE EndMethodEnumeration() override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetMethodQualifierSet(LPCWSTR, IWbemQualifierSet**) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetMethodOrigin(LPCWSTR, BSTR*) override { return E_NOTIMPL; }
-
-private:
-    std::atomic<ULONG> refs_{1};
+#define KX_FAKE_NOTIMPL(name, ...) \
+    HRESULT STDMETHODCALLTYPE name(__VA_ARGS__) override { return E_NOTIMPL; }
+    KX_FAKE_NOTIMPL(GetQualifierSet, IWbemQualifierSet**)
+    KX_FAKE_NOTIMPL(Delete, LPCWSTR)
+    KX_FAKE_NOTIMPL(GetNames, LPCWSTR, LONG, VARIANT*, SAFEARRAY**)
+    KX_FAKE_NOTIMPL(BeginEnumeration, LONG)
+    KX_FAKE_NOTIMPL(Next, LONG, BSTR*, VARIANT*, CIMTYPE*, LONG*)
+    KX_FAKE_NOTIMPL(EndEnumeration, )
+    KX_FAKE_NOTIMPL(GetPropertyQualifierSet, LPCWSTR, IWbemQualifierSet**)
+    KX_FAKE_NOTIMPL(Clone, IWbemClassObject**)
+    KX_FAKE_NOTIMPL(GetObjectText, LONG, BSTR*)
+    KX_FAKE_NOTIMPL(SpawnDerivedClass, LONG, IWbemClassObject**)
+    KX_FAKE_NOTIMPL(CompareTo, LONG, IWbemClassObject*)
+    KX_FAKE_NOTIMPL(GetPropertyOrigin, LPCWSTR, BSTR*)
+    KX_FAKE_NOTIMPL(InheritsFrom, LPCWSTR)
+    KX_FAKE_NOTIMPL(PutMethod, LPCWSTR, LONG, IWbemClassObject*, IWbemClassObject*)
+    KX_FAKE_NOTIMPL(DeleteMethod, LPCWSTR)
+    KX_FAKE_NOTIMPL(BeginMethodEnumeration, LONG)
+    KX_FAKE_NOTIMPL(NextMethod, LONG, BSTR*, IWbemClassObject**, IWbemClassObject**)
+    KX_FAKE_NOTIMPL(EndMethodEnumeration, )
+    KX_FAKE_NOTIMPL(GetMethodQualifierSet, LPCWSTR, IWbemQualifierSet**)
+    KX_FAKE_NOTIMPL(GetMethodOrigin, LPCWSTR, BSTR*)
+#undef KX_FAKE_NOTIMPL
 };
 
-class FakeEnum : public IEnumWbemClassObject {
+class FakeEnum : public Counted<IEnumWbemClassObject, IID_IEnumWbemClassObject> {
 public:
-    explicit FakeEnum(std::vector<kx::com_ptr<IWbemClassObject>> items) : items_(std::move(items)) { ++g_live; }
-    virtual ~FakeEnum() { --g_live; }
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
-        if (riid == IID_IUnknown || riid == IID_IEnumWbemClassObject) {
-            *out = static_cast<IEnumWbemClassObject*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *out = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
-    ULONG STDMETHODCALLTYPE Release() override {
-        const ULONG n = --refs_;
-        if (n == 0) delete this;
-        return n;
-    }
+    explicit FakeEnum(std::vector<kx::com_ptr<IWbemClassObject>> items) : items_(std::move(items)) {}
     HRESULT STDMETHODCALLTYPE Reset() override {
         next_ = 0;
         return S_OK;
@@ -165,7 +155,6 @@ public:
     HRESULT STDMETHODCALLTYPE Skip(LONG, ULONG) override { return E_NOTIMPL; }
 
 private:
-    std::atomic<ULONG> refs_{1};
     std::vector<kx::com_ptr<IWbemClassObject>> items_;
     size_t next_ = 0;
 };

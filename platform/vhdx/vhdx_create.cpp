@@ -124,7 +124,11 @@ Status VhdxDisk::Create(FileSystem& fs, const std::u16string& path, const Create
         l.logical = parent->LogicalSectorSize();
         const std::u16string absolute = fs.Absolute(params.parentPath);
         const std::u16string relative = RelativePath(DirectoryOf(fs.Absolute(path)), absolute);
-        l.locator[u"parent_linkage"] = FormatGuid(parent->DataWriteGuid());
+        // Lower-case hex: readers compare the text without folding case.
+        std::u16string linkage = FormatGuid(parent->DataWriteGuid());
+        for (char16_t& ch : linkage)
+            if (ch >= u'A' && ch <= u'F') ch = static_cast<char16_t>(ch - u'A' + u'a');
+        l.locator[u"parent_linkage"] = linkage;
         l.locator[u"absolute_win32_path"] = absolute;
         if (!relative.empty()) l.locator[u"relative_path"] = relative;
     } else {

@@ -158,8 +158,9 @@ Status VhdxDisk::Open(std::unique_ptr<PositionedFile> file, const std::u16string
 Status VhdxDisk::Impl::Load(FileSystem& fs, std::vector<Guid>* chain) {
     if (Status s = file->Size(&fileSize)) return s;
     uint8_t id[8] = {};
-    if (fileSize < sizeof id || file->ReadAt(0, id, sizeof id) != kOk || std::memcmp(id, "vhdxfile", 8) != 0)
-        return kNotVirtualDisk;
+    if (fileSize < sizeof id) return kNotVirtualDisk;
+    if (Status s = file->ReadAt(0, id, sizeof id)) return s;
+    if (std::memcmp(id, "vhdxfile", 8) != 0) return kNotVirtualDisk;
     if (fileSize < kMiB) return kInvalidFileSize;
     if (Status s = LoadHeaders()) return s;
     if (Status s = LoadLog()) return s;

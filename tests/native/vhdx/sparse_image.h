@@ -1,7 +1,8 @@
 // A compact form of a mostly-empty disk file, for fuzz inputs: a VHDX file
 // is at least a few MiB, nearly all zeros. The form: the file size (32-bit
 // little-endian, in bytes), then runs of (32-bit offset, 16-bit length,
-// bytes) laid over zeros. Runs past the size are cut off.
+// bytes) laid over zeros; runs past the size are cut off. CompactSparse
+// makes it, SparseFile serves it to the library.
 #pragma once
 
 #include <algorithm>

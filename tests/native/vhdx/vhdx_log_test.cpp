@@ -369,3 +369,32 @@ TEST(Headers, FirstWriteUpdatesBothHeaders) {
 
 }  // namespace
 }  // namespace vhdxtest
+
+namespace vhdxtest {
+namespace {
+
+// More allocations in one open than the log holds: the log wraps, older
+// entries of the same log lie ahead of the newest. A process that dies
+// without closing leaves the log in use; the reopened disk is whole.
+TEST(LogReplay, WrappedLogAfterManyAllocations) {
+    kxnative::MemoryFileSystem fs;
+    const std::u16string path = u"/d/many.vhdx";
+    Bytes model(160 * kMiB, 0);
+    {
+        std::unique_ptr<VhdxDisk> disk;
+        ASSERT_EQ(VhdxDisk::Create(fs, path, Params(DiskKind::kDynamic, model.size(), 1), &disk), 0u);
+        for (uint32_t b = 0; b < 150; ++b) ASSERT_EQ(WriteBoth(*disk, model, b * kMiB + 17 * b, 100, b), 0u);
+        fs.writesLeft = 0;  // dies before closing
+    }
+    fs.writesLeft = -1;
+    EXPECT_FALSE(Guid{} == LogGuidOf(fs.Get(path)));
+    for (bool writable : {false, true}) {
+        std::unique_ptr<VhdxDisk> disk;
+        ASSERT_EQ(OpenMem(fs, path, writable, &disk), 0u);
+        const Bytes got = ReadAll(*disk, 1 << 20);
+        EXPECT_TRUE(got == model) << (writable ? "writable: " : "read-only: ") << FirstDifference(got, model);
+    }
+}
+
+}  // namespace
+}  // namespace vhdxtest

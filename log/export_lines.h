@@ -203,4 +203,8 @@ inline constexpr ExportLines kIvm_InjectStartupScriptToHive{
 inline constexpr ExportLines kInjectScript{L"InjectScript", 2, L"begin InjectScript, dir=%s, script=%s", 2,
                                            L"finish InjectScript, ret=%u", EndKind::Result};
 
+// ---- disk geometry and boot sector repair ---------------------------------------
+inline constexpr ExportLines kAdjustVirtualDiskVolumeCHS{L"AdjustVirtualDiskVolumeCHS", 1, L"%s(%s, %s, %I64u) starts", 1,
+                                                         kFinished, EndKind::Result};
+
 }  // namespace kx

@@ -81,6 +81,13 @@ DWORD OpenVhdDisk(const wchar_t* path, DWORD access, DWORD share, const Password
     return Wrap(rc, std::move(opened), disk);
 }
 
+DWORD OpenVDisk_HyperV(const wchar_t* path, bool writable, std::unique_ptr<IVDisk>* disk) {
+    disk->reset();
+    if (!path || !*path) return ERROR_INVALID_PARAMETER;
+    return writable ? OpenVhdDisk(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, disk)
+                    : OpenVhdDisk(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, disk);
+}
+
 DWORD CreateVhd(const wchar_t* path, DWORD type, ULONGLONG bytes, const wchar_t* parent,
                 std::unique_ptr<IVDisk>* disk) {
     disk->reset();

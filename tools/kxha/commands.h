@@ -74,4 +74,15 @@ int GuestCdLetter(const std::wstring& folder, const std::wstring& letter);
 // A script copied into a guest that runs once at its next start (cmd_guest_script.cpp).
 int GuestAddStartupScript(const std::vector<std::wstring>& pos);
 
+// Disk geometry: what a VHD or VHDX file holds, and the repair for Hyper-V (cmd_disk.cpp).
+int CmdDisk(const Args& args);
+inline const wchar_t* const kDiskUsage =
+    L"kxha disk info <vhd or vhdx file> [--json]\n"
+    L"       kxha disk fix-chs <vhd or vhdx file> <volume offset> [--volume NAME]\n"
+    L"\n"
+    L"disk info reads the file without writing it: format, type, size, geometry, sector and block size,\n"
+    L"parents, disk signature, the MBR's active entry and its boot sector's geometry.\n"
+    L"disk fix-chs gives the boot sector of the volume at <volume offset> (bytes; 0x... for hex) and the\n"
+    L"active entry the geometry Hyper-V presents, and prints the fields it changed.";
+
 }  // namespace kxha

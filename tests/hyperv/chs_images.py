@@ -4,10 +4,18 @@ library left in them.
 
   chs_images.py make OUT        partition tables by sfdisk, NTFS boot sectors by
                                 mkntfs, packed as VHD and VHDX by qemu-img;
-                                OUT/manifest.txt lists the cases for the Wine test
+                                OUT/expect.txt lists the cases for the Wine test
+                                with what each must change. Disks of 4096-byte
+                                sectors, which neither sfdisk (on a file) nor
+                                qemu-img makes, are given as their first 2 MiB
+                                (MBR written here, boot sector by mkntfs): the
+                                Wine test makes the VHDX through the library and
+                                leaves a copy in RES/before
   chs_images.py check OUT RES   RES holds the images after the repair; each is read
-                                back by qemu-img and compared with the bytes the
-                                rules below give from the image as it was made
+                                back by qemu-img (libvhdi for 4096-byte sectors,
+                                which qemu-img does not open) and compared with
+                                the bytes the rules below give from the image as
+                                it was made; VHDX results must pass qemu-img check
 
 The rules here are written from the description of the repair, not from the
 library's code: they are the oracle.
@@ -59,6 +67,14 @@ CASES = [
 ]
 
 
+# Disks of 4096-byte sectors: name, disk sectors, the active entry (start,
+# size) in those sectors, boot sector geometry. The volume starts at 1 MiB.
+CASES_4K = [
+    ("vhdx4k-128", 8257536, (256, 4096), (16, 32, 63)),
+    ("vhdx4k-255", 8257537, (256, 4096), (16, 32, 63)),
+]
+
+
 def run(*cmd, **kw):
     return subprocess.run(cmd, check=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE, **kw)
 
@@ -84,8 +100,36 @@ def make_raw(path, sectors, parts, boot):
     os.remove(vol)
 
 
-def read_slice(image, fmt, offset, length):
-    """`length` bytes at `offset` of the disk in `image`, read by qemu-img."""
+def make_head_4k(path, parts, boot):
+    """The first 2 MiB of a disk of 4096-byte sectors: an MBR with one
+    active NTFS entry and, at 1 MiB, the volume's start as mkntfs makes it."""
+    start, size = parts
+    mbr = bytearray(4096)
+    struct.pack_into("<I", mbr, 440, 0x4B584841)
+    # CHS bytes as a 255/63 partitioner would leave them; the repair replaces them.
+    struct.pack_into("<B3sB3sII", mbr, ENTRIES_AT, 0x80, b"\xfe\xff\xff", 7, b"\xfe\xff\xff", start, size)
+    mbr[510:512] = b"\x55\xaa"
+    heads, spt, hidden = boot
+    vol = path + ".part"
+    with open(vol, "wb") as f:
+        f.truncate(size * 4096)
+    run("mkntfs", "-F", "-Q", "-T", "-q", "-s", "4096", "-p", str(hidden), "-H", str(heads), "-S", str(spt), vol)
+    with open(vol, "rb") as src, open(path, "wb") as dst:
+        dst.write(bytes(mbr) + bytes(MIB - 4096) + src.read(MIB))
+    os.remove(vol)
+
+
+def read_slice(image, fmt, offset, length, sector_size=512):
+    """`length` bytes at `offset` of the disk in `image`, read by qemu-img, or
+    by libvhdi for disks of 4096-byte sectors (qemu-img opens only 512)."""
+    if sector_size != 512:
+        import pyvhdi
+        f = pyvhdi.file()
+        f.open(image)
+        try:
+            return f.read_buffer_at_offset(length, offset)
+        finally:
+            f.close()
     out = image + ".slice"
     # qemu-img dd counts the skipped blocks in `count` too.
     run("qemu-img", "dd", "-f", fmt, "-O", "raw", "bs=512", "skip=%d" % (offset // 512),
@@ -121,9 +165,19 @@ def cmd_make(out):
             cmd += ["-o", ",".join(opts)]
         run(*cmd, raw, image)
         os.remove(raw)
-        lines.append("%s|%s.%s|%d" % (name, name, container, active_offset(parts)))
+        lines.append("%s|%s.%s|%d|512|0|" % (name, name, container, active_offset(parts)))
+    for name, sectors, parts, boot in CASES_4K:
+        make_head_4k(os.path.join(out, name + ".head"), parts, boot)
+        lines.append("%s|%s.vhdx|%d|4096|%d|%s.head" % (name, name, MIB, sectors * 4096, name))
     with open(os.path.join(out, "manifest.txt"), "w") as f:
         f.write("\n".join(lines) + "\n")
+
+
+def cases(made):
+    """(name, file, volume offset, bytes per sector, disk size or 0, head file) per case."""
+    for line in open(os.path.join(made, "manifest.txt")):
+        name, file, offset, bps, size, head = line.strip().split("|")
+        yield name, file, int(offset), int(bps), int(size), head
 
 
 # ---- the oracle ----------------------------------------------------------------
@@ -141,7 +195,7 @@ def pack(c, h, s):
 
 
 def expected_mbr(mbr, geometry):
-    """The MBR after the update with `geometry`, or None without an active entry."""
+    """The MBR sector after the update with `geometry`, or None without an active entry."""
     cyls, heads, spt = geometry
     for i in range(4):
         at = ENTRIES_AT + 16 * i
@@ -187,7 +241,15 @@ def expected(container, size, bps, vhd_geometry, offset, mbr, boot):
     return expected_mbr(mbr, vhd_geometry), bytes(new)
 
 
-def disk_facts(image, container):
+def disk_facts(image, container, sector_size=512):
+    if container == "vhdx" and sector_size != 512:
+        import pyvhdi
+        f = pyvhdi.file()
+        f.open(image)
+        size, bps = f.get_media_size(), f.get_bytes_per_sector()
+        f.close()
+        assert bps == sector_size, (image, bps)
+        return size, None
     if container == "vhdx":
         info = json.loads(run("qemu-img", "info", "--output=json", "-f", "vhdx", image).stdout)
         return info["virtual-size"], None
@@ -203,23 +265,25 @@ def disk_facts(image, container):
 def cmd_check(made, results):
     failures = 0
     checked = 0
-    for line in open(os.path.join(made, "manifest.txt")):
-        name, file, offset = line.strip().split("|")
-        offset = int(offset)
+    for name, file, offset, bps, size, head in cases(made):
         container = file.rsplit(".", 1)[1]
         after_image = os.path.join(results, file)
-        if not os.path.exists(after_image):
+        # Disks the library made: the Wine test left them as made in RES/before.
+        before_image = os.path.join(results, "before", file) if head else os.path.join(made, file)
+        if not os.path.exists(after_image) or not os.path.exists(before_image):
             print("%s: no result image" % name)
             failures += 1
             continue
-        before_image = os.path.join(made, file)
-        size, geometry = disk_facts(before_image, container)
+        disk_size, geometry = disk_facts(before_image, container, bps)
+        if size and disk_size != size:
+            print("%s: the library made a disk of %d bytes, not %d" % (name, disk_size, size))
+            failures += 1
         fmt = qemu_fmt(container)
-        head0 = read_slice(before_image, fmt, 0, MIB)
-        vol0 = read_slice(before_image, fmt, offset, MIB)
-        head1 = read_slice(after_image, fmt, 0, MIB)
-        vol1 = read_slice(after_image, fmt, offset, MIB)
-        mbr, boot = expected(container, size, 512, geometry, offset, head0[:512], vol0[:512])
+        head0 = read_slice(before_image, fmt, 0, MIB, bps)
+        vol0 = read_slice(before_image, fmt, offset, MIB, bps)
+        head1 = read_slice(after_image, fmt, 0, MIB, bps)
+        vol1 = read_slice(after_image, fmt, offset, MIB, bps)
+        mbr, boot = expected(container, disk_size, bps, geometry, offset, head0[:bps], vol0[:512])
         want_head = bytearray(head0)
         want_vol = bytearray(vol0)
         if boot is not None:
@@ -227,14 +291,14 @@ def cmd_check(made, results):
             if offset < MIB:
                 want_head[offset:offset + 512] = boot
         if mbr is not None:
-            want_head[:512] = mbr
+            want_head[:bps] = mbr
         for what, got, want in (("first MiB", head1, want_head), ("volume's first MiB", vol1, want_vol)):
             if got != bytes(want):
                 diff = [i for i in range(len(want)) if got[i] != want[i]]
                 print("%s: %s differs at %d byte(s), first at %#x: got %s want %s" %
                       (name, what, len(diff), diff[0], got[diff[0]:diff[0] + 8].hex(), bytes(want[diff[0]:diff[0] + 8]).hex()))
                 failures += 1
-        if container == "vhdx":
+        if container == "vhdx" and bps == 512:
             r = subprocess.run(["qemu-img", "check", "-f", "vhdx", after_image], stdout=subprocess.PIPE,
                                stderr=subprocess.STDOUT)
             if r.returncode != 0:
@@ -248,19 +312,22 @@ def cmd_check(made, results):
 def cmd_expect(made):
     """Per case: whether the repair changes the MBR and the boot sector."""
     lines = []
-    for line in open(os.path.join(made, "manifest.txt")):
-        name, file, offset = line.strip().split("|")
-        offset = int(offset)
+    for name, file, offset, bps, size, head_file in cases(made):
         container = file.rsplit(".", 1)[1]
-        image = os.path.join(made, file)
-        size, geometry = disk_facts(image, container)
-        fmt = qemu_fmt(container)
-        head = read_slice(image, fmt, 0, 512)
-        vol = read_slice(image, fmt, offset, 512)
-        mbr, boot = expected(container, size, 512, geometry, offset, head, vol)
+        if head_file:
+            with open(os.path.join(made, head_file), "rb") as f:
+                data = f.read()
+            head, vol, geometry = data[:bps], data[offset:offset + 512], None
+        else:
+            image = os.path.join(made, file)
+            size, geometry = disk_facts(image, container)
+            fmt = qemu_fmt(container)
+            head = read_slice(image, fmt, 0, 512)
+            vol = read_slice(image, fmt, offset, 512)
+        mbr, boot = expected(container, size, bps, geometry, offset, head, vol)
         found = expected_mbr(head, (1024, 255, 63)) is not None
-        lines.append("%s|%s|%d|%d|%d|%d" % (name, file, offset, found, mbr is not None,
-                                            boot is not None and boot != vol))
+        lines.append("%s|%s|%d|%d|%d|%d|%d|%d|%s" % (name, file, offset, found, mbr is not None,
+                                                     boot is not None and boot != vol, bps, size, head_file))
     with open(os.path.join(made, "expect.txt"), "w") as f:
         f.write("\n".join(lines) + "\n")
 

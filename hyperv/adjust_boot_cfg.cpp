@@ -1,6 +1,7 @@
 #include "hyperv/adjust_boot_cfg.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cwchar>
 #include <memory>
 #include <vector>
@@ -13,6 +14,19 @@
 
 namespace kx::hyperv {
 namespace {
+
+std::atomic<testing::VhdOpen> g_vhdOpen{nullptr};
+std::atomic<testing::VhdxOpen> g_vhdxOpen{nullptr};
+
+DWORD OpenVhd(const wchar_t* path, std::unique_ptr<vdisk::IVDisk>* disk) {
+    const testing::VhdOpen open = g_vhdOpen.load();
+    return open ? open(path, true, disk) : vdisk::OpenVDisk_HyperV(path, true, disk);
+}
+
+DWORD OpenVhdx(const wchar_t* path, std::unique_ptr<vdisk::IVhdxDisk>* disk) {
+    const testing::VhdxOpen open = g_vhdxOpen.load();
+    return open ? open(path, true, disk) : vdisk::OpenVhdxDisk(path, true, disk);
+}
 
 constexpr const wchar_t* kOperation = L"CAdjustBootCfg_HyperV::AdjustDiskVolumeCHS";
 
@@ -211,7 +225,7 @@ DWORD DiskFacts(Disk& disk, const wchar_t* path, ULONGLONG* size, vdisk::Geometr
 
 DWORD AdjustVhdx(const wchar_t* path, const wchar_t* volume, uint64_t volumeOffset, bool* found) {
     std::unique_ptr<vdisk::IVhdxDisk> disk;
-    if (const DWORD rc = vdisk::OpenVhdxDisk(path, true, &disk)) {
+    if (const DWORD rc = OpenVhdx(path, &disk)) {
         Log(0, L"%s: Fail to OpenVHDXDisk, path = %s, rc = %d", kOperation, path, rc);
         return rc;
     }
@@ -288,7 +302,7 @@ DWORD AdjustVhdx(const wchar_t* path, const wchar_t* volume, uint64_t volumeOffs
 
 DWORD AdjustVhd(const wchar_t* path, const wchar_t* volume, uint64_t volumeOffset, bool* found) {
     std::unique_ptr<vdisk::IVDisk> disk;
-    if (const DWORD rc = vdisk::OpenVDisk_HyperV(path, true, &disk)) {
+    if (const DWORD rc = OpenVhd(path, &disk)) {
         Log(0, L"%s: Fail to OpenDisk, path = %s, rc = %d", kOperation, path, rc);
         return rc;
     }
@@ -390,5 +404,12 @@ DWORD AdjustVirtualDiskVolumeCHS(const wchar_t* path, const wchar_t* volumeName,
         },
         OrNull(path), OrNull(volumeName), static_cast<unsigned long long>(volumeOffset));
 }
+
+namespace testing {
+void SetDiskOpens(VhdOpen vhd, VhdxOpen vhdx) noexcept {
+    g_vhdOpen.store(vhd);
+    g_vhdxOpen.store(vhdx);
+}
+}  // namespace testing
 
 }  // namespace kx::hyperv

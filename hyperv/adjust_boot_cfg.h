@@ -10,6 +10,10 @@
 #include <windows.h>
 
 #include <cstdint>
+#include <memory>
+
+#include "platform/vdisk.h"
+#include "platform/vhdx_reader.h"
 
 namespace kx::hyperv {
 
@@ -38,5 +42,13 @@ DWORD AdjustDiskVolumeCHS(const wchar_t* path, const wchar_t* volumeName, uint64
 
 // The exported call: the same inside the export's frame.
 DWORD AdjustVirtualDiskVolumeCHS(const wchar_t* path, const wchar_t* volumeName, uint64_t volumeOffset);
+
+namespace testing {
+// Puts other opens of the two formats in place (null restores the
+// platform's own), so that tests can put failing disks behind them.
+using VhdOpen = DWORD (*)(const wchar_t* path, bool writable, std::unique_ptr<vdisk::IVDisk>* disk);
+using VhdxOpen = DWORD (*)(const wchar_t* path, bool writable, std::unique_ptr<vdisk::IVhdxDisk>* disk);
+void SetDiskOpens(VhdOpen vhd, VhdxOpen vhdx) noexcept;
+}  // namespace testing
 
 }  // namespace kx::hyperv

@@ -212,15 +212,33 @@ DWORD LogMbrResult(const wchar_t* path, DWORD rc) {
     return rc;
 }
 
-// The size, geometry and sector size of a disk of either kind.
-template <class Disk>
-DWORD DiskFacts(Disk& disk, const wchar_t* path, ULONGLONG* size, vdisk::Geometry* g, DWORD* sectorSize) {
-    DWORD rc = disk.GetGeometry(g);
-    if (!rc) rc = disk.GetSize(size);
-    if (!rc) rc = disk.GetSectorSize(sectorSize);
-    if (!rc && (*sectorSize == 0 || g->bytesPerSector == 0)) rc = ERROR_INVALID_DATA;
-    if (rc) Log(0, L"%s: Fail to get the geometry of Disk[%s], rc = %d", kOperation, path, rc);
-    return rc;
+// What a disk of either kind tells about itself.
+struct DiskFacts {
+    ULONGLONG size = 0;
+    vdisk::Geometry geometry;
+    DWORD sectorSize = kBootSectorBytes;
+};
+
+// The steps both formats take after the open: the active entry (without one
+// the disk is left as it is) and the disk's size, geometry and sector size.
+// False when the repair ends here, with *rc.
+template <class Mbr, class Disk>
+bool Prepare(Disk& disk, const wchar_t* path, bool* found, std::unique_ptr<Mbr>* mbr, DiskFacts* facts, DWORD* rc) {
+    *rc = 0;
+    DWORD sectorSize = 0;
+    if (disk.GetSectorSize(&sectorSize) || sectorSize < kBootSectorBytes) sectorSize = kBootSectorBytes;
+    *mbr = std::make_unique<Mbr>(&disk, sectorSize);
+    if (!HasActiveEntry(**mbr)) {
+        Log(2, L"%s: Failed to find the bootable partition on Disk[%s]", kOperation, path);
+        return false;
+    }
+    *found = true;
+    *rc = disk.GetGeometry(&facts->geometry);
+    if (!*rc) *rc = disk.GetSize(&facts->size);
+    if (!*rc) *rc = disk.GetSectorSize(&facts->sectorSize);
+    if (!*rc && (facts->sectorSize == 0 || facts->geometry.bytesPerSector == 0)) *rc = ERROR_INVALID_DATA;
+    if (*rc) Log(0, L"%s: Fail to get the geometry of Disk[%s], rc = %d", kOperation, path, *rc);
+    return *rc == 0;
 }
 
 DWORD AdjustVhdx(const wchar_t* path, const wchar_t* volume, uint64_t volumeOffset, bool* found) {
@@ -229,19 +247,13 @@ DWORD AdjustVhdx(const wchar_t* path, const wchar_t* volume, uint64_t volumeOffs
         Log(0, L"%s: Fail to OpenVHDXDisk, path = %s, rc = %d", kOperation, path, rc);
         return rc;
     }
-    DWORD sectorSize = 0;
-    if (disk->GetSectorSize(&sectorSize) || sectorSize < kBootSectorBytes) sectorSize = kBootSectorBytes;
-    VhdxMbr mbr(disk.get(), sectorSize);
-    if (!HasActiveEntry(mbr)) {
-        Log(2, L"%s: Failed to find the bootable partition on Disk[%s]", kOperation, path);
-        return 0;
-    }
-    *found = true;
-    ULONGLONG size = 0;
-    vdisk::Geometry geometry;
-    if (const DWORD rc = DiskFacts(*disk, path, &size, &geometry, &sectorSize)) return rc;
+    std::unique_ptr<VhdxMbr> mbr;
+    DiskFacts facts;
+    if (DWORD rc = 0; !Prepare(*disk, path, found, &mbr, &facts, &rc)) return rc;
+    const vdisk::Geometry& geometry = facts.geometry;
+    const DWORD sectorSize = facts.sectorSize;
     const uint64_t expectedHidden = volumeOffset / sectorSize;
-    const ChsGeometry target = TargetGeometry(size, geometry.bytesPerSector);
+    const ChsGeometry target = TargetGeometry(facts.size, geometry.bytesPerSector);
     Log(2,
         L"%s: The MBR and Boot Sector of Disk[%s] will be fixed to number of cylinders[%I64d], tracks per "
         L"cylinder[%d], sectors per track[%d],\t\t\t\t\t\t  bytes per sector[%d], Sector Size:%lu.",
@@ -295,7 +307,7 @@ DWORD AdjustVhdx(const wchar_t* path, const wchar_t* volume, uint64_t volumeOffs
         }
         Log(2, L"%s: Succeed to update VHDX boot code for volume[%s]", kOperation, volume);
     }
-    DWORD rc = LogMbrResult(path, UpdateDiskPartition(&mbr, target, Format::kVhdx, found));
+    DWORD rc = LogMbrResult(path, UpdateDiskPartition(mbr.get(), target, Format::kVhdx, found));
     if (const DWORD closed = disk->Close(); closed && !rc) rc = closed;
     return rc;
 }
@@ -306,18 +318,12 @@ DWORD AdjustVhd(const wchar_t* path, const wchar_t* volume, uint64_t volumeOffse
         Log(0, L"%s: Fail to OpenDisk, path = %s, rc = %d", kOperation, path, rc);
         return rc;
     }
-    DWORD sectorSize = 0;
-    if (disk->GetSectorSize(&sectorSize) || sectorSize < kBootSectorBytes) sectorSize = kBootSectorBytes;
-    VhdMbr mbr(disk.get(), sectorSize);
-    if (!HasActiveEntry(mbr)) {
-        Log(2, L"%s: Failed to find the bootable partition on Disk[%s]", kOperation, path);
-        return 0;
-    }
-    *found = true;
-    ULONGLONG size = 0;
-    vdisk::Geometry geometry;
-    if (const DWORD rc = DiskFacts(*disk, path, &size, &geometry, &sectorSize)) return rc;
-    const ChsGeometry target = TargetGeometry(size, geometry.bytesPerSector);
+    std::unique_ptr<VhdMbr> mbr;
+    DiskFacts facts;
+    if (DWORD rc = 0; !Prepare(*disk, path, found, &mbr, &facts, &rc)) return rc;
+    const vdisk::Geometry& geometry = facts.geometry;
+    const DWORD sectorSize = facts.sectorSize;
+    const ChsGeometry target = TargetGeometry(facts.size, geometry.bytesPerSector);
     Log(2,
         L"%s: The MBR and Boot Sector of Disk[%s] will be fixed to number of cylinders[%I64d], tracks per "
         L"cylinder[%d], sectors per track[%d], Sector Size:%lu,\t\t\t\t\t\t  bytes per sector[%d]",
@@ -369,7 +375,7 @@ DWORD AdjustVhd(const wchar_t* path, const wchar_t* volume, uint64_t volumeOffse
     // The MBR follows the geometry the disk itself reports.
     const ChsGeometry own{geometry.cylinders, geometry.tracksPerCylinder, geometry.sectorsPerTrack,
                           geometry.bytesPerSector};
-    return LogMbrResult(path, UpdateDiskPartition(&mbr, own, Format::kVhd, found));
+    return LogMbrResult(path, UpdateDiskPartition(mbr.get(), own, Format::kVhd, found));
 }
 
 }  // namespace

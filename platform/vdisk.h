@@ -27,6 +27,12 @@ struct Geometry {
     DWORD bytesPerSector = 0;
 };
 
+// The geometry of a fixed disk with these values.
+inline Geometry FixedDiskGeometry(uint64_t cylinders, uint32_t heads, uint32_t sectorsPerTrack,
+                                  uint32_t bytesPerSector) {
+    return Geometry{static_cast<LONGLONG>(cylinders), 12, heads, sectorsPerTrack, bytesPerSector};
+}
+
 class IVDisk {
 public:
     virtual ~IVDisk() = default;

@@ -10,9 +10,6 @@
 namespace kx::vdisk {
 namespace {
 
-// The media type the platform reports for a fixed hard disk.
-constexpr int kFixedMedia = 12;
-
 class VhdVDisk final : public IVDisk {
 public:
     explicit VhdVDisk(std::unique_ptr<vhd::VhdDisk> disk) : disk_(std::move(disk)) {}
@@ -25,11 +22,7 @@ public:
     DWORD GetGeometry(Geometry* geometry) override {
         if (!geometry) return ERROR_INVALID_PARAMETER;
         const vhd::DiskGeometry g = disk_->Geometry();
-        geometry->cylinders = static_cast<LONGLONG>(g.cylinders);
-        geometry->mediaType = kFixedMedia;
-        geometry->tracksPerCylinder = g.heads;
-        geometry->sectorsPerTrack = g.sectorsPerTrack;
-        geometry->bytesPerSector = g.bytesPerSector;
+        *geometry = FixedDiskGeometry(g.cylinders, g.heads, g.sectorsPerTrack, g.bytesPerSector);
         return 0;
     }
     DWORD GetType(DWORD* type) override {

@@ -16,11 +16,7 @@ public:
     DWORD GetGeometry(Geometry* geometry) override {
         if (!geometry) return ERROR_INVALID_PARAMETER;
         const vhdx::Geometry g = disk_->GetGeometry();
-        geometry->cylinders = static_cast<LONGLONG>(g.cylinders);
-        geometry->mediaType = 12;  // fixed media
-        geometry->tracksPerCylinder = g.heads;
-        geometry->sectorsPerTrack = g.sectorsPerTrack;
-        geometry->bytesPerSector = g.bytesPerSector;
+        *geometry = FixedDiskGeometry(g.cylinders, g.heads, g.sectorsPerTrack, g.bytesPerSector);
         return 0;
     }
     DWORD GetSize(ULONGLONG* bytes) override {

@@ -176,6 +176,36 @@ TEST(ChsRepair, ExportWritesItsFrameLines) {
     EXPECT_TRUE(again.Contains(L"AdjustVirtualDiskVolumeCHS(" + path + L", NULL, 1048576) starts"));
 }
 
+// A differencing VHDX: the repair lands in the child; the parent, opened
+// read-only beneath it, stays byte for byte as it was.
+TEST(ChsRepair, DifferencingVhdxWritesTheChildOnly) {
+    namespace vhdx = kx::vhdx;
+    ScratchDir dir;
+    const std::wstring parent = dir / L"parent.vhdx", child = dir / L"child.avhdx";
+    Copy(Made("vhdx-128.vhdx"), parent);
+    const auto parentBefore = ReadBytes(parent);
+    {
+        vhdx::CreateParams params;
+        params.kind = vhdx::DiskKind::kDifferencing;
+        params.parentPath = kx::vdisk::ToU16(parent);
+        kx::vdisk::Win32FileSystem fs(FILE_SHARE_READ);
+        std::unique_ptr<vhdx::VhdxDisk> disk;
+        ASSERT_EQ(vhdx::VhdxDisk::Create(fs, kx::vdisk::ToU16(child), params, &disk), 0u);
+    }
+    LogCursor log;
+    bool found = false;
+    EXPECT_EQ(Repair(child, kMiB, &found), 0u);
+    EXPECT_TRUE(found);
+    EXPECT_TRUE(log.Contains(L"Succeed to update VHDX boot code for volume[C:]"));
+    EXPECT_TRUE(ReadBytes(parent) == parentBefore) << "the repair wrote to the parent";
+    // The child now answers for the repaired sectors: a second repair finds
+    // the boot sector right.
+    LogCursor again;
+    EXPECT_EQ(Repair(child, kMiB, &found), 0u);
+    EXPECT_TRUE(again.Contains(L"SecPerTrack no need to change, just break"));
+    EXPECT_TRUE(ReadBytes(parent) == parentBefore);
+}
+
 // The extension alone picks the branch, whatever the file holds.
 TEST(ChsRepair, ExtensionPicksTheFormat) {
     struct Case {

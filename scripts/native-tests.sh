@@ -56,3 +56,12 @@ if [ "$fuzz_seconds" -gt 0 ]; then
   fuzz regf_fuzz regf 131072
   fuzz pe_fuzz pe 8192
 fi
+
+# The VHDX library: its tests (with the qemu-img, qemu-io and libvhdi
+# cross-checks) and a bounded fuzzing run.
+cmake --build "$build" -j "$jobs" --target vhdx_native_tests vhdx_fuzz
+echo "== native VHDX tests"
+"$build/vhdx_native_tests" --gtest_brief=1
+if [ "$fuzz_seconds" -gt 0 ]; then
+  fuzz vhdx_fuzz vhdx 65536
+fi

@@ -323,10 +323,14 @@ Status VhdxDisk::Impl::LoadBat() {
     bitmapBlocks = (dataBlocks + chunkRatio - 1) / chunkRatio;
     const uint64_t entries = hasParent ? bitmapBlocks * (chunkRatio + 1) : dataBlocks + (dataBlocks - 1) / chunkRatio;
     if (uint64_t{batLength} / 8 < entries) return kBlockAllocationTableCorrupt;
-    std::vector<uint8_t> raw(static_cast<size_t>(entries * 8));
-    if (Status s = file->ReadAt(batOffset, raw.data(), raw.size())) return s;
     bat.resize(static_cast<size_t>(entries));
-    for (size_t i = 0; i < bat.size(); ++i) bat[i] = LoadLe<uint64_t>(raw.data() + i * 8);
+    std::vector<uint8_t> raw(static_cast<size_t>(std::min<uint64_t>(entries * 8, kMiB)));
+    for (size_t first = 0; first < bat.size();) {
+        const size_t count = std::min(raw.size() / 8, bat.size() - first);
+        if (Status s = file->ReadAt(batOffset + first * 8, raw.data(), count * 8)) return s;
+        for (size_t i = 0; i < count; ++i) bat[first + i] = LoadLe<uint64_t>(raw.data() + i * 8);
+        first += count;
+    }
 
     // Every allocated extent inside the file, clear of the fixed structures
     // and of each other.

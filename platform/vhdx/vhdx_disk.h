@@ -8,7 +8,16 @@
 // Every structure read from the file is checked before use: a damaged or
 // hostile file gives a status, never an access out of bounds.
 //
-// Status codes are those of the VHD library (platform/vhd/vhd_status.h).
+// Status codes are those of the VHD library (platform/vhd/vhd_status.h):
+// kNotVirtualDisk (no file identifier), kInvalidFileSize (shorter than its
+// fixed structures or than its log says it was), kFooterChecksumMismatch /
+// kFooterCorrupt / kFormatUnsupportedVersion (headers), kSparseHeader*
+// (region table), kMetadataReadFailure (metadata, or a log that cannot be
+// replayed), kInvalidBlockSize, kInvalidSize (sector sizes, virtual size),
+// kBlockAllocationTableCorrupt (entries past the file's end, overlapping or
+// in impossible states), kParentNotFound, kChildParentIdMismatch,
+// kChildParentSizeMismatch, kChainCycleDetected, kChainErrorInParent; the
+// file layer's own failures pass through unchanged.
 // One disk object may be used from several threads; calls are serialised.
 #pragma once
 

@@ -2,6 +2,7 @@
 // of this file's own) are replayed on open, in memory for a read-only open
 // and into the file for a writable one; torn and broken logs; and crashes
 // cut into allocating writes at every write call.
+#include <algorithm>
 #include <cstring>
 #include <functional>
 
@@ -319,6 +320,51 @@ TEST(CrashSafety, AllocatingWriteCutAtEveryWriteCall) {
         EXPECT_GT(sawOld, 0);
         EXPECT_GT(sawNew, 0);
     }
+}
+
+}  // namespace
+}  // namespace vhdxtest
+
+namespace vhdxtest {
+namespace {
+
+// Opening for writing changes nothing by itself; the first write moves both
+// headers on (one sequence number each), with new file and data write
+// identifiers; later writes of the same open leave the headers alone.
+TEST(Headers, FirstWriteUpdatesBothHeaders) {
+    Fixture f;
+    const Bytes img0 = f.fs.Get(f.path);
+    {
+        std::unique_ptr<VhdxDisk> disk;
+        ASSERT_EQ(OpenMem(f.fs, f.path, true, &disk), 0u);
+    }
+    EXPECT_TRUE(f.fs.Get(f.path) == img0);
+    const size_t cur0 = CurrentHeader(img0);
+    const uint64_t seq0 = Get<uint64_t>(img0, cur0 + 8);
+    {
+        std::unique_ptr<VhdxDisk> disk;
+        ASSERT_EQ(OpenMem(f.fs, f.path, true, &disk), 0u);
+        const uint8_t b = 1;
+        ASSERT_EQ(disk->Write(10, 1, &b), 0u);
+        const Bytes mid = f.fs.Get(f.path);
+        ASSERT_EQ(disk->Write(20, 1, &b), 0u);
+        EXPECT_TRUE(std::equal(mid.begin() + 64 * 1024, mid.begin() + 192 * 1024,
+                               f.fs.Get(f.path).begin() + 64 * 1024));
+    }
+    const Bytes img1 = f.fs.Get(f.path);
+    std::vector<uint64_t> seqs;
+    for (size_t at : {64 * 1024, 128 * 1024}) {
+        Bytes h(img1.begin() + at, img1.begin() + at + 4096);
+        const uint32_t crc = Get<uint32_t>(h, 4);
+        Put<uint32_t>(h, 4, 0);
+        EXPECT_EQ(crc, Crc32cBitwise(h.data(), h.size())) << at;
+        seqs.push_back(Get<uint64_t>(h, 8));
+        EXPECT_NE(0, std::memcmp(&img1[at + 16], &img0[cur0 + 16], 16)) << "file write identifier kept";
+        EXPECT_NE(0, std::memcmp(&img1[at + 32], &img0[cur0 + 32], 16)) << "data write identifier kept";
+        EXPECT_EQ(0, std::memcmp(&img1[at + 16], &img1[(at == 65536 ? 131072 : 65536) + 16], 48));
+    }
+    std::sort(seqs.begin(), seqs.end());
+    EXPECT_EQ(seqs, (std::vector<uint64_t>{seq0 + 1, seq0 + 2}));
 }
 
 }  // namespace

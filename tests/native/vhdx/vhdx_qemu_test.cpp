@@ -78,3 +78,49 @@ INSTANTIATE_TEST_SUITE_P(Vhdx, QemuImage, ::testing::ValuesIn(kQemuCases),
 
 }  // namespace
 }  // namespace vhdxtest
+
+namespace vhdxtest {
+namespace {
+
+// A disk past its first chunk (4 GiB of 512-byte sectors): the table
+// entries beyond the first sector bitmap entry must be found where qemu put
+// them. Only windows around the written ranges are compared.
+TEST(QemuImageLarge, BlocksBeyondTheFirstChunk) {
+    for (uint32_t blockMiB : {1u, 32u}) {
+        SCOPED_TRACE(blockMiB);
+        ScratchDir dir;
+        const std::string image = dir / "big.vhdx", raw = dir / "big.raw";
+        const uint64_t size = 9ull << 30;
+        std::string log;
+        ASSERT_EQ(RunCommand("qemu-img create -f vhdx -o block_size=" + std::to_string(blockMiB) + "M '" + image +
+                                 "' " + std::to_string(size),
+                             &log),
+                  0)
+            << log;
+        const std::vector<uint64_t> spots = {(4ull << 30) - 4096, 4ull << 30, (8ull << 30) + (1 << 20) * 5 + 512,
+                                             size - 65536};
+        std::string cmds;
+        int pattern = 1;
+        for (uint64_t at : spots) cmds += " -c 'write -P " + std::to_string(pattern++ * 17) + " " + std::to_string(at) + " 8192'";
+        ASSERT_EQ(RunCommand("qemu-io -f vhdx" + cmds + " '" + image + "'", &log), 0)
+            << log;
+        ASSERT_EQ(RunCommand("qemu-img convert -f vhdx -O raw '" + image + "' '" + raw + "'", &log), 0) << log;
+        std::unique_ptr<VhdxDisk> disk;
+        ASSERT_EQ(OpenPosix(image, false, &disk), 0u);
+        FILE* f = fopen(raw.c_str(), "rb");
+        ASSERT_NE(f, nullptr);
+        for (uint64_t at : spots) {
+            const uint64_t from = at - (at > (1 << 20) ? (1 << 20) : 0);
+            Bytes want(std::min<uint64_t>(3 << 20, size - from)), got(want.size());
+            ASSERT_EQ(fseeko(f, static_cast<off_t>(from), SEEK_SET), 0);
+            ASSERT_EQ(fread(want.data(), 1, want.size(), f), want.size());
+            ASSERT_EQ(disk->Read(from, got.size(), got.data()), 0u);
+            EXPECT_TRUE(got == want) << "window at " << from << ": " << FirstDifference(got, want);
+            EXPECT_NE(std::count(got.begin(), got.end(), 0), static_cast<long>(got.size()));
+        }
+        fclose(f);
+    }
+}
+
+}  // namespace
+}  // namespace vhdxtest

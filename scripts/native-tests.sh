@@ -56,3 +56,8 @@ if [ "$fuzz_seconds" -gt 0 ]; then
   fuzz regf_fuzz regf 131072
   fuzz pe_fuzz pe 8192
 fi
+
+# ISO images: the image layout, judged by xorriso, isoinfo and isovfy.
+cmake --build "$build" -j "$jobs" --target iso_native_tests
+echo "== native ISO image layout tests"
+"$build/iso_native_tests" --gtest_brief=1

@@ -15,3 +15,4 @@
 #include "KestrixHA/guest_cd.h"
 #include "KestrixHA/guest_service.h"
 #include "KestrixHA/guest_script.h"
+#include "KestrixHA/iso.h"

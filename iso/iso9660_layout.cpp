@@ -295,7 +295,7 @@ namespace names {
 std::string IsoName(const std::u16string& name, bool directory, std::unordered_set<std::string>& taken) {
     if (directory) {
         std::string base = DChars(name).substr(0, kIsoDirChars);
-        if (base.empty()) base = "_";
+        if (base.empty()) base.assign(1, '_');
         std::string key = base;
         for (unsigned n = 1; taken.count(key); ++n) {
             const std::string suffix = Counter(n);
@@ -311,7 +311,7 @@ std::string IsoName(const std::u16string& name, bool directory, std::unordered_s
         if (ext.size() > 8) ext.resize(std::min(ext.size(), kIsoFileChars - std::min<size_t>(stem.size(), 22)));
         stem.resize(std::min(stem.size(), kIsoFileChars - ext.size()));
     }
-    if (stem.empty() && ext.empty()) stem = "_";
+    if (stem.empty() && ext.empty()) stem.assign(1, '_');
     std::string key = stem + "." + ext;
     for (unsigned n = 1; taken.count(key); ++n) {
         const std::string suffix = Counter(n);

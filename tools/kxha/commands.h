@@ -74,4 +74,12 @@ int GuestCdLetter(const std::wstring& folder, const std::wstring& letter);
 // A script copied into a guest that runs once at its next start (cmd_guest_script.cpp).
 int GuestAddStartupScript(const std::vector<std::wstring>& pos);
 
+// ISO images (cmd_iso.cpp).
+int CmdIso(const Args& args);
+inline const wchar_t* const kIsoUsage =
+    L"kxha iso create <folder> <image> [--volume NAME] [--progress]\n"
+    L"\n"
+    L"The folder becomes a top-level folder of the image. A progress line follows the image's\n"
+    L"growth on a terminal (always with --progress).";
+
 }  // namespace kxha

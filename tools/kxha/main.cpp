@@ -35,6 +35,7 @@ const std::vector<Command>& Commands() {
         {L"guest", L"read, compare and repair an offline Windows guest's registry hives", kGuestUsage, CmdGuest},
         {L"version", L"show the library's version resource", L"kxha version [--json]", CmdVersion},
         {L"log", L"show where the debug log is and its last lines", L"kxha log [--lines N] [--json]", CmdLog},
+        {L"iso", L"build an ISO image (ISO 9660 + Joliet) of a folder", kIsoUsage, CmdIso},
     };
     return commands;
 }

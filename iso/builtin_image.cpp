@@ -172,7 +172,7 @@ public:
             openKey_ = ~0ull;
             unique_hfile f(::CreateFileW(s.path.c_str(), GENERIC_READ,
                                          FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
-                                         FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+                                         FILE_ATTRIBUTE_NORMAL, nullptr));
             if (!f) {
                 const HRESULT hr = LastError();
                 LogErr(0, hr, L"Image writer: cannot read [%s]", s.path.c_str());
@@ -188,15 +188,19 @@ public:
             }
             file_ = std::move(f);
             openKey_ = key;
+            filePos_ = 0;
         }
         auto* out = static_cast<uint8_t*>(data);
+        if (offset != filePos_) {
+            LARGE_INTEGER to;
+            to.QuadPart = static_cast<LONGLONG>(offset);
+            if (!::SetFilePointerEx(file_.get(), to, nullptr, FILE_BEGIN)) return static_cast<uint32_t>(LastError());
+        }
+        filePos_ = offset + bytes;
         while (bytes) {
-            OVERLAPPED at{};
-            at.Offset = static_cast<DWORD>(offset);
-            at.OffsetHigh = static_cast<DWORD>(offset >> 32);
             const DWORD want = static_cast<DWORD>(std::min<size_t>(bytes, 1u << 30));
             DWORD got = 0;
-            if (!::ReadFile(file_.get(), out, want, &got, &at)) {
+            if (!::ReadFile(file_.get(), out, want, &got, nullptr)) {
                 const HRESULT hr = LastError();
                 LogErr(0, hr, L"Image writer: cannot read [%s]", s.path.c_str());
                 return static_cast<uint32_t>(hr);
@@ -235,6 +239,7 @@ private:
 
     std::shared_ptr<const Snapshot> snap_;
     uint64_t openKey_ = ~0ull;
+    uint64_t filePos_ = 0;
     unique_hfile file_;
 };
 

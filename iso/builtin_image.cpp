@@ -61,6 +61,12 @@ Timestamp ToTimestamp(const FILETIME& t) {
     return Timestamp{s.wYear, s.wMonth, s.wDay, s.wHour, s.wMinute, s.wSecond};
 }
 
+HRESULT CopyText(const std::wstring& s, BSTR* out) {
+    if (!out) return E_POINTER;
+    *out = ::SysAllocStringLen(s.data(), static_cast<UINT>(s.size()));
+    return *out ? S_OK : E_OUTOFMEMORY;
+}
+
 HRESULT LastError() {
     const DWORD e = ::GetLastError();
     return HRESULT_FROM_WIN32(e ? e : ERROR_GEN_FAILURE);
@@ -424,8 +430,8 @@ public:
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
         return Answer(riid, out, {&kIidFsiItem, &kIidFsiDirectoryItem});
     }
-    HRESULT STDMETHODCALLTYPE get_Name(BSTR* value) override { return Text(item_->name, value); }
-    HRESULT STDMETHODCALLTYPE get_FullPath(BSTR* value) override { return Text(fullPath_, value); }
+    HRESULT STDMETHODCALLTYPE get_Name(BSTR* value) override { return CopyText(item_->name, value); }
+    HRESULT STDMETHODCALLTYPE get_FullPath(BSTR* value) override { return CopyText(fullPath_, value); }
     HRESULT STDMETHODCALLTYPE get_CreationTime(DATE*) override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE put_CreationTime(DATE) override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE get_LastAccessedTime(DATE*) override { return E_NOTIMPL; }
@@ -460,11 +466,6 @@ public:
 
 private:
     ~FolderItem() override;
-    static HRESULT Text(const std::wstring& s, BSTR* out) {
-        if (!out) return E_POINTER;
-        *out = ::SysAllocStringLen(s.data(), static_cast<UINT>(s.size()));
-        return *out ? S_OK : E_OUTOFMEMORY;
-    }
     // The folder that holds the last component of `path` (relative to this
     // folder, backslashes between components), and that component.
     HRESULT Parent(const wchar_t* path, Item** parent, std::wstring* name);
@@ -507,11 +508,7 @@ public:
         *value = static_cast<LONG>(std::min<uint64_t>(Blocks(root_), 0x7FFFFFFF));
         return S_OK;
     }
-    HRESULT STDMETHODCALLTYPE get_VolumeName(BSTR* value) override {
-        if (!value) return E_POINTER;
-        *value = ::SysAllocStringLen(volume_.data(), static_cast<UINT>(volume_.size()));
-        return *value ? S_OK : E_OUTOFMEMORY;
-    }
+    HRESULT STDMETHODCALLTYPE get_VolumeName(BSTR* value) override { return CopyText(volume_, value); }
     HRESULT STDMETHODCALLTYPE put_VolumeName(BSTR value) override {
         volume_ = value ? std::wstring(value, ::SysStringLen(value)) : std::wstring();
         return S_OK;

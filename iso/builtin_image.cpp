@@ -184,10 +184,14 @@ public:
                 LogErr(0, hr, L"Image writer: cannot read [%s]", s.path.c_str());
                 return static_cast<uint32_t>(hr);
             }
-            BY_HANDLE_FILE_INFORMATION info{};
-            if (!::GetFileInformationByHandle(f.get(), &info)) return static_cast<uint32_t>(LastError());
-            const uint64_t now = (static_cast<uint64_t>(info.nFileSizeHigh) << 32) | info.nFileSizeLow;
-            if (now != s.size || ::CompareFileTime(&info.ftLastWriteTime, &s.modified) != 0) {
+            // Size and time only: the whole handle information would also ask
+            // for the volume's serial number, a costly question per file.
+            LARGE_INTEGER length{};
+            FILETIME written{};
+            if (!::GetFileSizeEx(f.get(), &length) || !::GetFileTime(f.get(), nullptr, nullptr, &written))
+                return static_cast<uint32_t>(LastError());
+            const uint64_t now = static_cast<uint64_t>(length.QuadPart);
+            if (now != s.size || ::CompareFileTime(&written, &s.modified) != 0) {
                 Log(0, L"Image writer: [%s] changed while the image was made (%I64u bytes when added, %I64u now)",
                     s.path.c_str(), s.size, now);
                 return static_cast<uint32_t>(kDataStreamInconsistency);

@@ -18,3 +18,4 @@
 #include "KestrixHA/hyperv.h"
 #include "KestrixHA/host.h"
 #include "KestrixHA/hyperv_disk.h"
+#include "KestrixHA/iso.h"

@@ -295,3 +295,25 @@ inline constexpr ExportLines kAdjustVirtualDiskVolumeCHS{L"AdjustVirtualDiskVolu
                                                          kFinished, EndKind::Result};
 
 }  // namespace kx
+// ---- ISO images ---------------------------------------------------------------------
+namespace kx {
+namespace iso_rows {
+inline constexpr ExportLines kSetMediaType{L"FileSystemImage::SetMediaType", 1, L"%s(%d) starts", 1, kFinished,
+                                           EndKind::Result};
+inline constexpr ExportLines kSetVolumeName{L"FileSystemImage::SetVolumeName", 1, L"%s(%s) starts", 1, kFinished,
+                                            EndKind::Result};
+inline constexpr ExportLines kAddFile{L"FileSystemImage::AddFile", 1, L"%s(%s) starts", 1, kFinished,
+                                      EndKind::Result};
+inline constexpr ExportLines kAddFiles{L"FileSystemImage::AddFile", 1, L"%s(%d files) starts", 1, kFinished,
+                                       EndKind::Result};
+inline constexpr ExportLines kAddDirectory{L"FileSystemImage::AddDirectory", 1, L"%s(%s, %d) starts", 1, kFinished,
+                                           EndKind::Result};
+inline constexpr ExportLines kAddDirectories{L"FileSystemImage::AddDirectory", 1, L"%s(%d folders, %d) starts", 1,
+                                             kFinished, EndKind::Result};
+inline constexpr ExportLines kCreateImage{L"FileSystemImage::CreateImage", 1, L"%s(%s) starts", 1, kFinished,
+                                          EndKind::Result};
+}  // namespace iso_rows
+inline constexpr ExportLines kCreateIsoImage{L"CreateIsoImage", 1, L"%s(%s, %s, %s) starts", 1, kFinished,
+                                             EndKind::Result};
+
+}  // namespace kx

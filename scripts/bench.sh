@@ -67,6 +67,21 @@ regf_bench() {
   echo
 }
 
+# The ISO bench's outside references: xorriso and genisoimage make a Joliet
+# image of the same tree (kept in $work/iso-tree) in the same run.
+iso_references() {
+  local tool start ms
+  for tool in "xorriso -as mkisofs" genisoimage; do
+    command -v "${tool%% *}" >/dev/null || continue
+    start=$(date +%s%N)
+    $tool -quiet -J -o "$work/iso-reference.iso" "$work/iso-tree" 2>/dev/null
+    ms=$(( ($(date +%s%N) - start) / 1000000 ))
+    printf 'reference: %s -J of the same tree: %d.%03d s, image %d MB\n' "$tool" $((ms / 1000)) $((ms % 1000)) \
+      $(( $(stat -c %s "$work/iso-reference.iso") / 1000000 ))
+    rm -f "$work/iso-reference.iso"
+  done
+}
+
 status=0
 regf_bench || { echo "bench.sh: regf_bench failed" >&2; status=1; }
 for exe in "${benches[@]}"; do
@@ -75,11 +90,13 @@ for exe in "${benches[@]}"; do
   echo "== $name"
   args=()
   [ "$name" = zek_bitmap_bench ] && args=("$wine_work" --keep)
+  [ "$name" = iso_bench ] && args=("$wine_work")
   if ! (cd "$build/bin" && "$here/wine-run.sh" "$exe" "${args[@]}" </dev/null) | tr -d '\r'; then
     echo "bench.sh: $(basename "$exe") failed" >&2
     status=1
   fi
   [ "$name" = zek_bitmap_bench ] && references
+  [ "$name" = iso_bench ] && iso_references
   echo
 done
 # The VHDX library's sequential read (native, -O2) against qemu-img convert

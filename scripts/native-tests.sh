@@ -65,3 +65,7 @@ echo "== native VHDX tests"
 if [ "$fuzz_seconds" -gt 0 ]; then
   fuzz vhdx_fuzz vhdx 65536
 fi
+# ISO images: the image layout, judged by xorriso, isoinfo and isovfy.
+cmake --build "$build" -j "$jobs" --target iso_native_tests
+echo "== native ISO image layout tests"
+"$build/iso_native_tests" --gtest_brief=1

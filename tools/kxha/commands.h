@@ -104,5 +104,12 @@ inline const wchar_t* const kDiskUsage =
     L"parents, disk signature, the MBR's active entry and its boot sector's geometry.\n"
     L"disk fix-chs gives the boot sector of the volume at <volume offset> (bytes; 0x... for hex) and the\n"
     L"active entry the geometry Hyper-V presents, and prints the fields it changed.";
+// ISO images (cmd_iso.cpp).
+int CmdIso(const Args& args);
+inline const wchar_t* const kIsoUsage =
+    L"kxha iso create <folder> <image> [--volume NAME] [--progress]\n"
+    L"\n"
+    L"The folder becomes a top-level folder of the image. A progress line follows the image's\n"
+    L"growth on a terminal (always with --progress).";
 
 }  // namespace kxha

@@ -16,3 +16,4 @@
 #include "KestrixHA/guest_service.h"
 #include "KestrixHA/guest_script.h"
 #include "KestrixHA/hyperv.h"
+#include "KestrixHA/host.h"

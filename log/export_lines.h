@@ -246,5 +246,49 @@ inline constexpr ExportLines kKxAddPendingDelRecord{L"KxAddPendingDelRecord", 2,
 inline constexpr ExportLines kKxReplayPendingDelRecord{L"KxReplayPendingDelRecord", 2, L"%s(%s, %s) starts...", 2,
                                                        L"%s() finished, removed = [%d], pending = [%d], rc = [%d]",
                                                        EndKind::Values};
+// ---- host network adapters and host facts --------------------------------------
+// Begin and finish lines at level 2, failures at level 0. Argument refusals of
+// the setters write only the finish line with the code. The readers write
+// their own finish lines (they report values, not the result).
+inline constexpr ExportLines kGetHostAdapterList{L"GetHostAdapterList", 2, L"begin GetHostAdapterList", 2, nullptr, EndKind::None};
+inline constexpr ExportLines kEnableHostDHCP{L"EnableHostDHCP", 2, L"begin EnableHostDHCP, adapter=%s", 2,
+                                             L"fiish EnableHostDHCP, ret=%u", EndKind::Result, nullptr};
+inline constexpr ExportLines kEnableHostStatic{L"EnableHostStatic", 2, L"begin EnableHostStatic, adapter=%s", 2,
+                                               L"finish EnableHostStatic, ret=%u", EndKind::Result, nullptr};
+inline constexpr ExportLines kEnableHostDNS{L"EnableHostDNS", 2, L"begin EnableHostDNS, adapter=%s", 2,
+                                            L"finish EnableHostDNS, ret=%u", EndKind::Result, nullptr};
+inline constexpr ExportLines kSetHostDNSDomain{L"SetHostDNSDomain", 2, L"begin SetHostDNSDomain, adapter=%s, dns=%s", 2,
+                                               L"finish SetHostDNSDomain, ret=%u", EndKind::Result, nullptr};
+inline constexpr ExportLines kSetHostDNSServerSearchOrder{
+    L"SetHostDNSServerSearchOrder", 2, L"begin SetHostDNSServerSearchOrder, adapter=%s", 2,
+    L"finish SetHostDNSServerSearchOrder, ret=%u", EndKind::Result, nullptr};
+inline constexpr ExportLines kSetHostDNSSuffixSearchOrder{
+    L"SetHostDNSSuffixSearchOrder", 2, L"begin SetHostDNSSuffixSearchOrder, adapter=%s", 2,
+    L"finish SetHostDNSSuffixSearchOrder, ret=%u", EndKind::Result, nullptr};
+inline constexpr ExportLines kSetHostDynamicDNSRegistration{
+    L"SetHostDynamicDNSRegistration", 2, L"begin SetHostDynamicDNSRegistration, adapter=%s, full=%d, domain=%d", 2,
+    L"finish SetHostDynamicDNSRegistration, ret=%u", EndKind::Result, nullptr};
+inline constexpr ExportLines kSetHostGateways{L"SetHostGateways", 2, L"begin SetHostGateways, adapter=%s", 2,
+                                              L"finish SetHostGateways, ret=%u", EndKind::Result, nullptr};
+inline constexpr ExportLines kSetHostWINSServer{L"SetHostWINSServer", 2,
+                                                L"begin SetHostWINSServer, adapter=%s, wins=%s, wins2=%s", 2,
+                                                L"finish SetHostWINSServer, ret=%u", EndKind::Result, nullptr};
+inline constexpr ExportLines kGetHostIsDHCPEnabed{L"GetHostIsDHCPEnabed", 2, L"GetHostIsDHCP begin", 2, nullptr, EndKind::None};
+inline constexpr ExportLines kGetHostIPSetting{L"GetHostIPSetting", 2, L"GetHostIP begin", 2, nullptr, EndKind::None};
+inline constexpr ExportLines kGetHostGatewaySetting{L"GetHostGatewaySetting", 2, L"GetHostGateway begin", 2, nullptr, EndKind::None};
+// The DNS reader's begin line is the DHCP reader's.
+inline constexpr ExportLines kGetHostDNSServerSetting{L"GetHostDNSServerSetting", 2, L"GetHostIsDHCPEnabed begin", 2, nullptr, EndKind::None};
+inline constexpr ExportLines kGetHostMac{L"GetHostMac", 2, L"begin GetHostMac, deviceId=%s", 2, nullptr, EndKind::None};
+inline constexpr ExportLines kGetIpAddressFromDns{L"GetIpAddressFromDns", 2, L"begin GetIpAddressFromDns, name=%s", 2,
+                                                  L"finish GetIpAddressFromDns, ret=%u", EndKind::Result,
+                                                  L"%s: Input DNS name is null"};
+inline constexpr ExportLines kGetHostProcessorCount{L"GetHostProcessorCount", 2, L"begin GetHostProcessorCount", 2, nullptr, EndKind::None};
+inline constexpr ExportLines kGetHostPhysicalMemory{L"GetHostPhysicalMemory", 2, L"begin GetHostPhysicalMemory", 2, nullptr, EndKind::None};
+inline constexpr ExportLines kGetHostCPUArchitecture{L"GetHostCPUArchitecture", 2, L"begin GetHostCPUArchitecture",
+                                                     2, L"finish GetHostCPUArchitecture, ret=%u", EndKind::Result};
+inline constexpr ExportLines kIsHyperVRole{L"IsHyperVRole", 2, L"begin to call IsHyperVRole", 2, nullptr, EndKind::None};
+inline constexpr ExportLines kHA_IsHostOSGreaterEqual{L"HA_IsHostOSGreaterEqual", 2, nullptr, 2, nullptr,
+                                                      EndKind::None};
+inline constexpr ExportLines kRebootSystem{L"RebootSystem", 2, L"begin RebootSystem, force=%d", 2, nullptr, EndKind::None};
 
 }  // namespace kx

@@ -77,5 +77,22 @@ int GuestAddStartupScript(const std::vector<std::wstring>& pos);
 // Hyper-V book-keeping: mark files, destination sizes, recovery-information
 // paths and the pending-delete record (cmd_hyperv.cpp).
 int CmdHyperV(const Args& args);
+// The host's adapters, facts and name resolution, and adapter changes (cmd_host.cpp).
+int CmdHost(const Args& args);
+inline const wchar_t* const kHostUsage =
+    L"kxha host adapters [--json]\n"
+    L"       kxha host facts [--json]\n"
+    L"       kxha host resolve <name> [--json]\n"
+    L"       kxha host set-dhcp <adapter> --yes\n"
+    L"       kxha host set-static <adapter> --ip A[,B...] --mask M[,N...] --yes\n"
+    L"       kxha host set-gateways <adapter> <gateway>[,<gateway>...] [--metrics N[,N...]] --yes\n"
+    L"       kxha host set-dns <adapter> [--servers A[,B...]] [--domain D] [--suffixes S[,T...]]\n"
+    L"                         [--register full|domain|both|none] --yes\n"
+    L"       kxha host set-wins <adapter> <primary> [secondary] --yes\n"
+    L"\n"
+    L"<adapter> is the adapter's name as 'host adapters' shows it (the first adapter whose name starts so\n"
+    L"is changed). Without --yes a change is only described (exit 2). set-dns without options enables DNS;\n"
+    L"--servers \"\" clears the DNS servers. Exit 0 when done (also when WMI says a restart is needed), 1 on\n"
+    L"failure with the code WMI or the library returned.";
 
 }  // namespace kxha

@@ -49,6 +49,7 @@ const std::vector<Command>& Commands() {
          L"unless the VM still uses it;\n"
          L"--without-hyperv (with --data-folder) skips that check: only files held open are kept.",
          CmdHyperV},
+        {L"host", L"the host's network adapters, facts and name resolution; adapter changes", kHostUsage, CmdHost},
     };
     return commands;
 }

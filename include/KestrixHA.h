@@ -17,3 +17,4 @@
 #include "KestrixHA/guest_script.h"
 #include "KestrixHA/hyperv.h"
 #include "KestrixHA/host.h"
+#include "KestrixHA/hyperv_disk.h"

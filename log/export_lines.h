@@ -290,5 +290,8 @@ inline constexpr ExportLines kIsHyperVRole{L"IsHyperVRole", 2, L"begin to call I
 inline constexpr ExportLines kHA_IsHostOSGreaterEqual{L"HA_IsHostOSGreaterEqual", 2, nullptr, 2, nullptr,
                                                       EndKind::None};
 inline constexpr ExportLines kRebootSystem{L"RebootSystem", 2, L"begin RebootSystem, force=%d", 2, nullptr, EndKind::None};
+// ---- disk geometry and boot sector repair ---------------------------------------
+inline constexpr ExportLines kAdjustVirtualDiskVolumeCHS{L"AdjustVirtualDiskVolumeCHS", 1, L"%s(%s, %s, %I64u) starts", 1,
+                                                         kFinished, EndKind::Result};
 
 }  // namespace kx

@@ -27,6 +27,12 @@ struct Geometry {
     DWORD bytesPerSector = 0;
 };
 
+// The geometry of a fixed disk with these values.
+inline Geometry FixedDiskGeometry(uint64_t cylinders, uint32_t heads, uint32_t sectorsPerTrack,
+                                  uint32_t bytesPerSector) {
+    return Geometry{static_cast<LONGLONG>(cylinders), 12, heads, sectorsPerTrack, bytesPerSector};
+}
+
 class IVDisk {
 public:
     virtual ~IVDisk() = default;
@@ -39,6 +45,15 @@ public:
     virtual DWORD GetBitmap(LONGLONG startSector, DWORD byteCount, DiskBitmapBuffer* buffer) = 0;
     virtual DWORD ReadSectors(ULONGLONG firstSector, DWORD count, void* data) = 0;
     virtual DWORD WriteSectors(ULONGLONG firstSector, DWORD count, const void* data) = 0;
+    // The size of the sectors ReadSectors and WriteSectors move: the
+    // geometry's bytes per sector unless a disk knows better.
+    virtual DWORD GetSectorSize(DWORD* bytes) {
+        if (!bytes) return ERROR_INVALID_PARAMETER;
+        Geometry g;
+        if (const DWORD rc = GetGeometry(&g)) return rc;
+        *bytes = g.bytesPerSector;
+        return 0;
+    }
 };
 
 // The 64-byte password block handed to an open (zeroed, a wide password of
@@ -52,6 +67,13 @@ struct PasswordBlock {
 // the failing code.
 DWORD CreateVHDFileEx(const wchar_t* path, DWORD access, DWORD share, const PasswordBlock* password,
                       std::unique_ptr<IVDisk>* disk);
+
+// Opens a VHD or AVHD file of a Hyper-V VM, for reading and writing when
+// `writable` (other openers may then only read it), else for reading (others
+// may read and write). 0 and a disk, or the failing code (the file's own:
+// 2 missing, 32 held by another open; or the VHD library's for a file that
+// is not a VHD disk).
+DWORD OpenVDisk_HyperV(const wchar_t* path, bool writable, std::unique_ptr<IVDisk>* disk);
 
 // Creates a VHD file and opens it for reading and writing: a fixed or
 // dynamic disk of `bytes` (kTypeFixed, kTypeDynamic), or a differencing disk

@@ -10,9 +10,6 @@
 namespace kx::vdisk {
 namespace {
 
-// The media type the platform reports for a fixed hard disk.
-constexpr int kFixedMedia = 12;
-
 class VhdVDisk final : public IVDisk {
 public:
     explicit VhdVDisk(std::unique_ptr<vhd::VhdDisk> disk) : disk_(std::move(disk)) {}
@@ -25,11 +22,7 @@ public:
     DWORD GetGeometry(Geometry* geometry) override {
         if (!geometry) return ERROR_INVALID_PARAMETER;
         const vhd::DiskGeometry g = disk_->Geometry();
-        geometry->cylinders = static_cast<LONGLONG>(g.cylinders);
-        geometry->mediaType = kFixedMedia;
-        geometry->tracksPerCylinder = g.heads;
-        geometry->sectorsPerTrack = g.sectorsPerTrack;
-        geometry->bytesPerSector = g.bytesPerSector;
+        *geometry = FixedDiskGeometry(g.cylinders, g.heads, g.sectorsPerTrack, g.bytesPerSector);
         return 0;
     }
     DWORD GetType(DWORD* type) override {
@@ -79,6 +72,13 @@ DWORD OpenVhdDisk(const wchar_t* path, DWORD access, DWORD share, const Password
     std::unique_ptr<vhd::VhdDisk> opened;
     const DWORD rc = vhd::VhdDisk::Open(std::move(file), ToU16(path), (access & GENERIC_WRITE) != 0, fs, &opened);
     return Wrap(rc, std::move(opened), disk);
+}
+
+DWORD OpenVDisk_HyperV(const wchar_t* path, bool writable, std::unique_ptr<IVDisk>* disk) {
+    disk->reset();
+    if (!path || !*path) return ERROR_INVALID_PARAMETER;
+    return writable ? OpenVhdDisk(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, disk)
+                    : OpenVhdDisk(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, disk);
 }
 
 DWORD CreateVhd(const wchar_t* path, DWORD type, ULONGLONG bytes, const wchar_t* parent,

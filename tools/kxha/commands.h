@@ -94,5 +94,15 @@ inline const wchar_t* const kHostUsage =
     L"is changed). Without --yes a change is only described (exit 2). set-dns without options enables DNS;\n"
     L"--servers \"\" clears the DNS servers. Exit 0 when done (also when WMI says a restart is needed), 1 on\n"
     L"failure with the code WMI or the library returned.";
+// Disk geometry: what a VHD or VHDX file holds, and the repair for Hyper-V (cmd_disk.cpp).
+int CmdDisk(const Args& args);
+inline const wchar_t* const kDiskUsage =
+    L"kxha disk info <vhd or vhdx file> [--json]\n"
+    L"       kxha disk fix-chs <vhd or vhdx file> <volume offset> [--volume NAME]\n"
+    L"\n"
+    L"disk info reads the file without writing it: format, type, size, geometry, sector and block size,\n"
+    L"parents, disk signature, the MBR's active entry and its boot sector's geometry.\n"
+    L"disk fix-chs gives the boot sector of the volume at <volume offset> (bytes; 0x... for hex) and the\n"
+    L"active entry the geometry Hyper-V presents, and prints the fields it changed.";
 
 }  // namespace kxha

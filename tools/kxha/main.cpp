@@ -50,6 +50,7 @@ const std::vector<Command>& Commands() {
          L"--without-hyperv (with --data-folder) skips that check: only files held open are kept.",
          CmdHyperV},
         {L"host", L"the host's network adapters, facts and name resolution; adapter changes", kHostUsage, CmdHost},
+        {L"disk", L"show a VHD or VHDX disk's geometry and boot sector; repair them for Hyper-V", kDiskUsage, CmdDisk},
     };
     return commands;
 }

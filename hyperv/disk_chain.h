@@ -79,7 +79,8 @@ private:
 // is refused, with read and write sharing. 0 or the failing code, logged.
 DWORD ReadVhdDiskSignature(const std::wstring& path, DWORD* signature);
 // The number behind the last "disk" of a ".vhdx"/".avhdx" file name
-// ("disk%010u"), after checking that the file opens as a VHDX file.
+// ("disk%010u"), after the file has opened as a VHDX disk through the VHDX
+// reader (read-only, sharing reads and writes).
 DWORD ReadVhdxDiskId(const std::wstring& path, DWORD* signature);
 
 }  // namespace kx::hyperv

@@ -127,6 +127,16 @@ DWORD CDrVolCbImp::GetImageFolders(std::vector<std::wstring>& folders) {
     return 0;
 }
 
+DWORD CDrVolCbImp::GetVirtualDisks(std::vector<std::wstring>& disks) {
+    disks.clear();
+    if (!vm_) return kE_INVALIDARG;
+    std::vector<std::wstring> images;
+    if (DWORD rc = ChosenImages(Caller::kDiskBySig, images)) return rc;
+    for (auto& image : images)
+        if (IsVirtualDiskImage(image)) disks.push_back(std::move(image));
+    return 0;
+}
+
 DWORD CDrVolCbImp::GetRootPath(std::wstring& dir) {
     dir.clear();
     if (!vm_) return kE_INVALIDARG;

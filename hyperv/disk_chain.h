@@ -58,6 +58,8 @@ public:
     DWORD Init(const wchar_t* vmGuid, const wchar_t* currSnapshotId);
     // The folder of every virtual disk file of the chosen disk list.
     DWORD GetImageFolders(std::vector<std::wstring>& folders);
+    // The virtual disk files of the chosen disk list, in its order.
+    DWORD GetVirtualDisks(std::vector<std::wstring>& disks);
     // The session folder that holds the chosen disks, under the header
     // destination. E_INVALIDARG before a successful Init, kNoVmOrImage when
     // no disk file qualifies.

@@ -294,4 +294,10 @@ inline constexpr ExportLines kRebootSystem{L"RebootSystem", 2, L"begin RebootSys
 inline constexpr ExportLines kAdjustVirtualDiskVolumeCHS{L"AdjustVirtualDiskVolumeCHS", 1, L"%s(%s, %s, %I64u) starts", 1,
                                                          kFinished, EndKind::Result};
 
+// ---- boot volume repair of a Hyper-V VM ----------------------------------------
+inline constexpr ExportLines kAdjustVolumeBootCode_HyperV{L"AdjustVolumeBootCode_HyperV", 2,
+                                                          L"%s(%s, %s, 0x%08X) starts...", 2, kFinished,
+                                                          EndKind::Result, L"%s() failed due to invalid parameter",
+                                                          kE_INVALIDARG};
+
 }  // namespace kx

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "../host/fake_wbem.h"
-#include "hyperv/disk_chain.h"
 #include "kx_test.h"
 #include "platform/hyperv_ops.h"
 #include "platform/wmi/wmi_client.h"
@@ -160,27 +159,6 @@ TEST(HyperVWmiAdapter, AVmWithASnapshotTreeIsReadFromTheProvidersAnswers) {
         EXPECT_EQ(svc.refs(), 1u);
     }
     EXPECT_EQ(fakewbem::LiveObjects(), liveBefore);
-}
-
-// The disk chain over the default adapter: the running state's first
-// virtual disk names the session folder, a snapshot's disks its own.
-TEST(HyperVWmiAdapter, TheDiskChainRunsOverTheProvider) {
-    FakeService svc;
-    Record(svc);
-    Provider provider(svc);
-    kx::hyperv::CDrVolCbImp now;
-    ASSERT_EQ(now.Init(kVm, nullptr), 0u);
-    std::vector<std::wstring> folders;
-    ASSERT_EQ(now.GetImageFolders(folders), 0u);
-    EXPECT_EQ(folders, std::vector<std::wstring>{L"E:\\dest\\VStore\\S0000000007"});
-    kx::hyperv::CDrVolCbImp snap;
-    ASSERT_EQ(snap.Init(kVm, L"{A2000000-0000-0000-0000-000000000002}"), 0u);
-    folders.clear();
-    EXPECT_EQ(snap.GetImageFolders(folders), 0u);
-    EXPECT_EQ(folders.size(), 1u);
-    kx::hyperv::CDrVolCbImp missing;
-    EXPECT_EQ(missing.Init(L"{99999999-2222-4D5C-8E11-00AA00BB00CC}", nullptr), kx::hyperv::kNoVmOrImage);
-    kp::SetHyperVOps(nullptr);
 }
 
 TEST(HyperVWmiAdapter, AMissingVmAFailingProviderAndNoProviderAreCodesNotCrashes) {

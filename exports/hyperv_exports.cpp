@@ -1,6 +1,7 @@
 // Exported Hyper-V book-keeping: disk chain, mark files, recovery
 // information, snapshot deletion and the pending-delete record.
 #include "KestrixHA/hyperv.h"
+#include "hyperv/boot_volume.h"
 #include "hyperv/mark_files.h"
 #include "hyperv/recovery_paths.h"
 #include "hyperv/snapshot_delete.h"
@@ -66,4 +67,8 @@ KXHA_API DWORD KxReplayPendingDelRecord(const wchar_t* vmGuid, const wchar_t* da
     if (removed) *removed = counts.removed;
     if (pending) *pending = counts.pending;
     return rc;
+}
+
+KXHA_API DWORD AdjustVolumeBootCode_HyperV(const wchar_t* vmGuid, const wchar_t* snapshotGuid, DWORD diskSignature) {
+    return h::AdjustVolumeBootCode_HyperV(vmGuid, snapshotGuid, diskSignature);
 }

@@ -1,6 +1,5 @@
 #include "hyperv/disk_chain.h"
 
-#include <cstring>
 #include <cwctype>
 
 #include "common/dest_layout.h"
@@ -9,6 +8,7 @@
 #include "common/wstring_format.h"
 #include "log/debug_log.h"
 #include "platform/vdisk.h"
+#include "platform/vhdx_reader.h"
 
 namespace kx::hyperv {
 
@@ -23,18 +23,13 @@ bool EndsWithVhdx(const std::wstring& path) {
     return EndsWithNoCase(path, L".vhdx") || EndsWithNoCase(path, L".avhdx");
 }
 
-// The first eight bytes of every VHDX file.
-constexpr char kVhdxFileId[8] = {'v', 'h', 'd', 'x', 'f', 'i', 'l', 'e'};
-
+// Opens the file through the VHDX reader, read-only and sharing reads and
+// writes (Hyper-V may hold it open for writing): a file that is no VHDX
+// disk, or a damaged one, fails here. The code as an HRESULT.
 DWORD OpenAsVhdx(const std::wstring& path) {
-    unique_hfile file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                    OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file) return HresultFromWin32(LastErrorOr());
-    char id[sizeof kVhdxFileId] = {};
-    DWORD got = 0;
-    if (!::ReadFile(file.get(), id, sizeof id, &got, nullptr)) return HresultFromWin32(LastErrorOr());
-    if (got != sizeof id || memcmp(id, kVhdxFileId, sizeof id) != 0) return HresultFromWin32(ERROR_INVALID_DATA);
-    return 0;
+    std::unique_ptr<vdisk::IVhdxDisk> disk;
+    const DWORD rc = vdisk::OpenVhdxDisk(path.c_str(), false, &disk);
+    return rc & 0x80000000u ? rc : HresultFromWin32(rc);
 }
 
 }  // namespace
@@ -129,6 +124,16 @@ DWORD CDrVolCbImp::GetImageFolders(std::vector<std::wstring>& folders) {
             currSnapshotId_.c_str(), dir.c_str());
         folders.push_back(dir);
     }
+    return 0;
+}
+
+DWORD CDrVolCbImp::GetVirtualDisks(std::vector<std::wstring>& disks) {
+    disks.clear();
+    if (!vm_) return kE_INVALIDARG;
+    std::vector<std::wstring> images;
+    if (DWORD rc = ChosenImages(Caller::kDiskBySig, images)) return rc;
+    for (auto& image : images)
+        if (IsVirtualDiskImage(image)) disks.push_back(std::move(image));
     return 0;
 }
 

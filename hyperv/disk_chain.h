@@ -58,6 +58,8 @@ public:
     DWORD Init(const wchar_t* vmGuid, const wchar_t* currSnapshotId);
     // The folder of every virtual disk file of the chosen disk list.
     DWORD GetImageFolders(std::vector<std::wstring>& folders);
+    // The virtual disk files of the chosen disk list, in its order.
+    DWORD GetVirtualDisks(std::vector<std::wstring>& disks);
     // The session folder that holds the chosen disks, under the header
     // destination. E_INVALIDARG before a successful Init, kNoVmOrImage when
     // no disk file qualifies.
@@ -79,7 +81,8 @@ private:
 // is refused, with read and write sharing. 0 or the failing code, logged.
 DWORD ReadVhdDiskSignature(const std::wstring& path, DWORD* signature);
 // The number behind the last "disk" of a ".vhdx"/".avhdx" file name
-// ("disk%010u"), after checking that the file opens as a VHDX file.
+// ("disk%010u"), after the file has opened as a VHDX disk through the VHDX
+// reader (read-only, sharing reads and writes).
 DWORD ReadVhdxDiskId(const std::wstring& path, DWORD* signature);
 
 }  // namespace kx::hyperv

@@ -315,5 +315,10 @@ inline constexpr ExportLines kCreateImage{L"FileSystemImage::CreateImage", 1, L"
 }  // namespace iso_rows
 inline constexpr ExportLines kCreateIsoImage{L"CreateIsoImage", 1, L"%s(%s, %s, %s) starts", 1, kFinished,
                                              EndKind::Result};
+// ---- boot volume repair of a Hyper-V VM ----------------------------------------
+inline constexpr ExportLines kAdjustVolumeBootCode_HyperV{L"AdjustVolumeBootCode_HyperV", 2,
+                                                          L"%s(%s, %s, 0x%08X) starts...", 2, kFinished,
+                                                          EndKind::Result, L"%s() failed due to invalid parameter",
+                                                          kE_INVALIDARG};
 
 }  // namespace kx

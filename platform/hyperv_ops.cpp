@@ -7,25 +7,12 @@
 #include "common/unique_resource.h"
 #include "log/debug_log.h"
 #include "platform/backup_core.h"
+#include "platform/hyperv_wmi.h"
+#include "platform/wmi/wmi_client.h"
 
 namespace kx::platform {
 
 namespace {
-
-// Until the shared COM/WMI session is in the library, the default cannot
-// reach the provider. What it will ask is fixed below (wmi_text) and
-// checked by the tests; the property names and the shape of the provider's
-// answers could only be checked against the provider's documentation, not
-// against a running provider.
-class UnavailableHyperV final : public HyperVOps {
-public:
-    DWORD OpenHyperVOperation(const std::wstring&, const std::wstring&, const std::wstring&,
-                              std::unique_ptr<HyperVOperation>* operation) override {
-        operation->reset();
-        Log(0, L"HyperVOps: the Hyper-V WMI provider is not available on this host");
-        return kHyperVNotAvailable;
-    }
-};
 
 // The built-in backup core: the destinations of the root it was given, read
 // from the destination layout on disk, and folder sizes by walking them.
@@ -79,24 +66,13 @@ private:
 
 std::unique_ptr<DestinationCore> MakeBuiltinCore() { return std::make_unique<BuiltinDestinationCore>(); }
 
-UnavailableHyperV g_unavailable;
-HyperVOps* g_ops = &g_unavailable;
+HyperVOps* g_ops = nullptr;  // null: the WMI default
 DestinationCoreMaker g_coreMaker = &MakeBuiltinCore;
-
-// A text inside a single-quoted WQL string: backslashes and quotes escaped.
-std::wstring WqlQuoted(const std::wstring& s) {
-    std::wstring out = L"'";
-    for (wchar_t c : s) {
-        if (c == L'\\' || c == L'\'') out += L'\\';
-        out += c;
-    }
-    return out + L"'";
-}
 
 }  // namespace
 
-HyperVOps& HyperV() { return *g_ops; }
-void SetHyperVOps(HyperVOps* ops) { g_ops = ops ? ops : &g_unavailable; }
+HyperVOps& HyperV() { return g_ops ? *g_ops : WmiHyperVOps(); }
+void SetHyperVOps(HyperVOps* ops) { g_ops = ops; }
 std::unique_ptr<DestinationCore> MakeDestinationCore() { return g_coreMaker(); }
 void SetDestinationCoreMaker(DestinationCoreMaker maker) { g_coreMaker = maker ? maker : &MakeBuiltinCore; }
 
@@ -133,31 +109,48 @@ std::wstring ProviderGuid(const std::wstring& guid) {
 }
 
 std::wstring VmQuery(const std::wstring& vmGuid) {
-    return L"SELECT * FROM Msvm_ComputerSystem WHERE Name = " + WqlQuoted(ProviderGuid(vmGuid));
+    return L"SELECT * FROM Msvm_ComputerSystem WHERE Name = " + wmi::WqlQuote(ProviderGuid(vmGuid));
 }
 
 std::wstring SettingsQuery(const std::wstring& vmGuid) {
     return L"SELECT * FROM Msvm_VirtualSystemSettingData WHERE VirtualSystemIdentifier = " +
-           WqlQuoted(ProviderGuid(vmGuid)) + L" AND VirtualSystemType = 'Microsoft:Hyper-V:System:Realized'";
+           wmi::WqlQuote(ProviderGuid(vmGuid));
 }
 
-std::wstring SnapshotQuery(const std::wstring& vmGuid) {
-    return L"SELECT * FROM Msvm_VirtualSystemSettingData WHERE VirtualSystemIdentifier = " +
-           WqlQuoted(ProviderGuid(vmGuid)) + L" AND VirtualSystemType = 'Microsoft:Hyper-V:Snapshot:Realized'";
+std::wstring SettingsPath(const std::wstring& settingsInstanceId) {
+    std::wstring key;
+    for (wchar_t c : settingsInstanceId) {
+        if (c == L'\\' || c == L'"') key += L'\\';
+        key += c;
+    }
+    return L"Msvm_VirtualSystemSettingData.InstanceID=\"" + key + L"\"";
 }
 
-// A settings object's disks are reached through its component association;
-// each Msvm_StorageAllocationSettingData holds the file in HostResource[0]
+// A settings object's disks are reached through its component association
+// (Msvm_VirtualSystemSettingDataComponent); each
+// Msvm_StorageAllocationSettingData holds its file in HostResource
 // (documentation only: checked against recorded answers, not a provider).
 std::wstring DiskQuery(const std::wstring& settingsInstanceId) {
-    return L"ASSOCIATORS OF {Msvm_VirtualSystemSettingData.InstanceID=\"" + [&] {
-        std::wstring s;
-        for (wchar_t c : settingsInstanceId) {
-            if (c == L'\\' || c == L'"') s += L'\\';
-            s += c;
-        }
-        return s;
-    }() + L"\"} WHERE ResultClass = Msvm_StorageAllocationSettingData";
+    return L"ASSOCIATORS OF {" + SettingsPath(settingsInstanceId) +
+           L"} WHERE ResultClass = Msvm_StorageAllocationSettingData";
+}
+
+// Parent holds a whole object path, possibly with the host and namespace in
+// front: \\HOST\root\virtualization\v2:Msvm_VirtualSystemSettingData.InstanceID="Microsoft:<GUID>"
+// (the provider's documentation gives its meaning, not an example: the
+// shape is that of every WMI object path).
+std::wstring GuidOfSettingsPath(const std::wstring& path) {
+    static const std::wstring kKey = L"InstanceID=\"Microsoft:";
+    std::wstring upper;
+    for (wchar_t c : path) upper += static_cast<wchar_t>(std::towupper(c));
+    std::wstring keyUpper;
+    for (wchar_t c : kKey) keyUpper += static_cast<wchar_t>(std::towupper(c));
+    const size_t at = upper.rfind(keyUpper);
+    if (at == std::wstring::npos) return {};
+    const size_t start = at + kKey.size();
+    const size_t end = path.find(L'"', start);
+    if (end == std::wstring::npos || end == start) return {};
+    return path.substr(start, end - start);
 }
 
 }  // namespace wmi_text

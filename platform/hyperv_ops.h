@@ -6,9 +6,9 @@
 // Hyper-V default: the WMI provider of namespace root\virtualization\v2
 // (Msvm_ComputerSystem for the VM, Msvm_VirtualSystemSettingData for its
 // current settings and its snapshots, Msvm_StorageAllocationSettingData for
-// the disk files they hold). The COM/WMI session that reaches it is shared
-// with the host configuration code and has not landed yet: until it does,
-// opening the default gives kHyperVNotAvailable and logs
+// the disk files they hold), reached through the library's WMI client
+// (platform/hyperv_wmi.cpp). On a host without that provider, opening the
+// default gives the connection's HRESULT and logs
 // "HyperVOps: the Hyper-V WMI provider is not available on this host".
 #pragma once
 
@@ -20,13 +20,13 @@
 
 namespace kx::platform {
 
-// Opening the Hyper-V operations on a host that has no way to reach them.
-inline constexpr DWORD kHyperVNotAvailable = ERROR_NOT_SUPPORTED;
-
 class HyperVSnapshot {
 public:
     virtual ~HyperVSnapshot() = default;
     virtual std::wstring Guid() const = 0;
+    // The GUID of the snapshot this one stands on; empty for the first one
+    // (or when the host does not tell).
+    virtual std::wstring ParentGuid() const { return {}; }
     // The paths of the disk files this snapshot holds (any kind: ".vhd",
     // ".avhdx", ".iso", ...), as Hyper-V lists them. 0 or the failing code.
     virtual DWORD GetDiskImages(std::vector<std::wstring>& images) = 0;
@@ -99,11 +99,16 @@ namespace wmi_text {
 // The provider's query texts the default adapter sends; kept here so that
 // their shape is checked without a provider.
 std::wstring VmQuery(const std::wstring& vmGuid);
+// Every settings object of the VM: its running state and its snapshots,
+// told apart by VirtualSystemType.
 std::wstring SettingsQuery(const std::wstring& vmGuid);
-std::wstring SnapshotQuery(const std::wstring& vmGuid);
-// The disk files of a settings object (its InstanceID): the storage
-// allocations whose InstanceID starts with that of the settings object.
+// The object path of a settings object (from its InstanceID) and the disk
+// files associated with it.
+std::wstring SettingsPath(const std::wstring& settingsInstanceId);
 std::wstring DiskQuery(const std::wstring& settingsInstanceId);
+// The GUID in a settings object's path ("...InstanceID=\"Microsoft:<GUID>\""),
+// as a snapshot's Parent holds it; empty when the text has no such key.
+std::wstring GuidOfSettingsPath(const std::wstring& path);
 // A VM GUID as the provider's Name property holds it: no braces, upper case.
 std::wstring ProviderGuid(const std::wstring& guid);
 }  // namespace wmi_text

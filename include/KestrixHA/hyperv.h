@@ -54,6 +54,30 @@
 //   "*.vhd", "*.vhdx" (a differencing disk before the disk it stands on).
 //   Files that can't be removed are kept (not recorded); the result is the
 //   first such failure's code, or 0.
+//
+// ---- Boot volume repair ----
+// Before a VM made from a backup first boots, the boot sector of its boot
+// volume and the MBR's active entry must carry the CHS geometry Hyper-V
+// presents (AdjustVirtualDiskVolumeCHS, include/KestrixHA/hyperv_disk.h).
+//
+//   AdjustVolumeBootCode_HyperV(vm, snapshot, signature)
+//     1. takes the disk list of the VM's running state (snapshot null or
+//        empty) or of that snapshot, through the same disk chain as the
+//        paths above; only ".vhd"/".avhd"/".vhdx"/".avhdx" files count;
+//     2. picks the boot disk: with a non-zero `signature`, the disk whose
+//        disk signature it is (a ".vhd"/".avhd" file's MBR signature, a ".vhdx"
+//        file's "disk<number>" name, as the recovery core asks); with 0, the
+//        first disk of the list whose MBR has an active entry;
+//     3. the boot volume starts at that entry's first LBA times the disk's
+//        logical sector size; its boot sector and the MBR are repaired in
+//        place, the disk opened for writing.
+//   Disks are read without locking others out, but the repair needs the
+//   boot disk to itself: call it while the VM is off (a running VM's disk
+//   gives 32). Results: 0; E_INVALIDARG for a null or empty VM GUID;
+//   0xFFFFFFFF when Hyper-V can't be opened or no disk has the signature;
+//   0xFFFFFFFE for an unknown VM or when no disk has an active partition;
+//   the snapshot lookup's code; when no boot volume was found and some disk
+//   could not be read, the first such disk's code; else the repair's code.
 #pragma once
 
 #include <string>
@@ -96,6 +120,9 @@ KXHA_API DWORD BeginDeleteSnapshot_HyperV(const wchar_t* vmGuid, const wchar_t* 
                                           SnapshotDeleteHandle** handle);
 KXHA_API DWORD EndDeleteSnapshot_HyperV(SnapshotDeleteHandle* handle, bool snapshotDeleted);
 KXHA_API DWORD CleanUselessVirtualDisk(const wchar_t* vmGuid, const wchar_t* folder);
+
+// ---- boot volume repair -----------------------------------------------------
+KXHA_API DWORD AdjustVolumeBootCode_HyperV(const wchar_t* vmGuid, const wchar_t* snapshotGuid, DWORD diskSignature);
 
 // ---- the pending-delete record on its own ---------------------------------
 // `dataFolder` null: the VM's data folder from Hyper-V.

@@ -301,6 +301,10 @@ void FakeService::DeclareMethod(const std::wstring& className, const std::wstrin
     methods_[method] = Method{className, std::move(inputs), answer};
 }
 
+void FakeService::Associate(const std::wstring& fromPath, IWbemClassObject* adopt) {
+    links_.emplace_back(fromPath, kx::com_adopt(adopt));
+}
+
 void FakeService::SetAnswer(const std::wstring& method, MethodAnswer answer) { methods_.at(method).answer = answer; }
 
 HRESULT FakeService::Select(const std::wstring& query, std::vector<kx::com_ptr<IWbemClassObject>>* out) {
@@ -308,8 +312,25 @@ HRESULT FakeService::Select(const std::wstring& query, std::vector<kx::com_ptr<I
     std::wstring cls, prop, value;
     bool like = false;
     if (r.Word(L"ASSOCIATORS OF {")) {
+        if (!r.Word(L"Win32_NetworkAdapter.DeviceID=")) {
+            // {Class.Key="value"} WHERE ResultClass = C: the links of that instance.
+            const std::wstring from = r.Name();
+            std::wstring key;
+            if (from.empty() || !r.Word(L".") || (key = r.Name()).empty() || !r.Word(L"=") || !r.Literal(&value) ||
+                !r.Word(L"}") || !r.Word(L"WHERE") || !r.Word(L"ResultClass") || !r.Word(L"="))
+                return WBEM_E_INVALID_QUERY;
+            cls = r.Name();
+            if (!r.End()) return WBEM_E_INVALID_QUERY;
+            for (const auto& inst : instances_) {
+                if (!SameText(Text(inst.get(), L"__CLASS"), from) || Text(inst.get(), key) != value) continue;
+                for (const auto& [path, linked] : links_)
+                    if (path == Text(inst.get(), L"__PATH") && SameText(Text(linked.get(), L"__CLASS"), cls))
+                        out->push_back(kx::com_share(linked.get()));
+            }
+            return S_OK;
+        }
         // {Win32_NetworkAdapter.DeviceID='n'} WHERE ResultClass = C
-        if (!r.Word(L"Win32_NetworkAdapter.DeviceID=") || !r.Literal(&value) || !r.Word(L"}") || !r.Word(L"WHERE") ||
+        if (!r.Literal(&value) || !r.Word(L"}") || !r.Word(L"WHERE") ||
             !r.Word(L"ResultClass") || !r.Word(L"="))
             return WBEM_E_INVALID_QUERY;
         cls = r.Name();
@@ -344,6 +365,7 @@ HRESULT FakeService::ExecQuery(const BSTR lang, const BSTR query, LONG, IWbemCon
     *out = nullptr;
     queries.emplace_back(query ? query : L"");
     if (!lang || _wcsicmp(lang, L"WQL") != 0) return WBEM_E_INVALID_QUERY_TYPE;
+    if (FAILED(failQueries)) return failQueries;
     std::vector<kx::com_ptr<IWbemClassObject>> found;
     if (HRESULT hr = Select(queries.back(), &found); FAILED(hr)) return hr;
     *out = new FakeEnum(std::move(found));

@@ -3,7 +3,8 @@
 // (or a job that runs for a number of polls), and reference counts a test
 // can check. It reads WQL itself (SELECT with one = or LIKE condition, and
 // ASSOCIATORS OF an adapter, answered with the configuration whose Index is
-// the adapter's DeviceID), so quoting and escaping mistakes of the client
+// the adapter's DeviceID, or of any instance named Class.Key="value" and
+// linked with Associate()), so quoting and escaping mistakes of the client
 // show as wrong answers.
 #pragma once
 
@@ -79,6 +80,11 @@ public:
     void DeclareMethod(const std::wstring& className, const std::wstring& method, std::vector<std::wstring> inputs,
                        MethodAnswer answer);
     void SetAnswer(const std::wstring& method, MethodAnswer answer);
+    // ASSOCIATORS OF the instance whose "__PATH" is `fromPath` answers
+    // `adopt` (in the order linked, filtered by the asked ResultClass).
+    void Associate(const std::wstring& fromPath, IWbemClassObject* adopt);
+    // A failing ExecQuery for every query from now on (S_OK: none).
+    HRESULT failQueries = S_OK;
 
     std::vector<std::wstring> queries;      // WQL text of every ExecQuery
     std::vector<std::wstring> objectPaths;  // every GetObject path
@@ -138,6 +144,7 @@ private:
     HRESULT Select(const std::wstring& query, std::vector<kx::com_ptr<IWbemClassObject>>* out);
     std::atomic<ULONG> refs_{1};
     std::vector<kx::com_ptr<IWbemClassObject>> instances_;
+    std::vector<std::pair<std::wstring, kx::com_ptr<IWbemClassObject>>> links_;
     std::map<std::wstring, Method, NoCase> methods_;
     std::vector<Job> jobs_;
 };

@@ -55,7 +55,8 @@ bool Exists(const std::wstring& path) { return ::GetFileAttributesW(path.c_str()
 
 void MakeDirs(const std::wstring& path) {
     for (size_t i = 3; i <= path.size(); ++i)
-        if (i == path.size() || path[i] == L'\\' || path[i] == L'/') ::CreateDirectoryW(path.substr(0, i).c_str(), nullptr);
+        if (i == path.size() || path[i] == L'\\' || path[i] == L'/')
+            ::CreateDirectoryW(path.substr(0, i).c_str(), nullptr);
 }
 
 std::string Narrow(const std::wstring& s) {

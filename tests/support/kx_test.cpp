@@ -1,5 +1,7 @@
 #include "kx_test.h"
 
+#include <cstdio>
+
 #include <gtest/gtest.h>
 
 #include <cwchar>
@@ -159,8 +161,25 @@ DWORD RunCapture(const std::wstring& commandLine, std::string* output, DWORD tim
     SECURITY_ATTRIBUTES sa{sizeof sa, nullptr, TRUE};
     kx::unique_hfile out(::CreateFileW(outFile.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &sa,
                                        CREATE_ALWAYS, 0, nullptr));
-    kx::unique_handle process = Start(commandLine, out.get(), nullptr);
-    if (!process) return 0xFFFFFFFF;
+    // Under parallel test load a process start has now and then been refused
+    // outright (the call failed within milliseconds; the program never ran).
+    // A refusal is the harness's failure, not the program's: it is reported
+    // on stderr with its code and the start is tried again, twice at most.
+    kx::unique_handle process;
+    DWORD startError = 0;
+    for (int attempt = 0; attempt < 3 && !process; ++attempt) {
+        if (attempt) {
+            std::fprintf(stderr, "kxtest: CreateProcessW refused (error %lu), starting again: %s\n", startError,
+                         Narrow(commandLine).c_str());
+            ::Sleep(200);
+        }
+        process = Start(commandLine, out.get(), nullptr);
+        if (!process) startError = ::GetLastError();
+    }
+    if (!process) {
+        *output = "kxtest: CreateProcessW failed, error " + std::to_string(startError);
+        return 0xFFFFFFFF;
+    }
     DWORD code = 0xFFFFFFFE;
     if (::WaitForSingleObject(process.get(), timeoutMs) == WAIT_OBJECT_0)
         ::GetExitCodeProcess(process.get(), &code);

@@ -1,4 +1,5 @@
 #include "hyperv/adjust_boot_cfg.h"
+#include "hyperv/mbr_layout.h"
 
 #include <algorithm>
 #include <atomic>
@@ -41,13 +42,8 @@ constexpr size_t kSectorsPerTrackAt = 0x18;
 constexpr size_t kHeadsAt = 0x1A;
 constexpr size_t kHiddenSectorsAt = 0x1C;
 
-// The MBR's partition entries.
-constexpr size_t kEntriesAt = 0x1BE;
-constexpr size_t kEntryBytes = 16;
-constexpr uint8_t kActive = 0x80;
-
 uint32_t Get16(const uint8_t* p) { return p[0] | (p[1] << 8); }
-uint32_t Get32(const uint8_t* p) { return p[0] | (p[1] << 8) | (p[2] << 16) | (static_cast<uint32_t>(p[3]) << 24); }
+using mbr::Get32;
 void Put16(uint8_t* p, uint32_t v) {
     p[0] = static_cast<uint8_t>(v);
     p[1] = static_cast<uint8_t>(v >> 8);
@@ -113,12 +109,7 @@ private:
     DWORD sectorSize_;
 };
 
-// The index of the first active entry, or -1.
-int ActiveEntry(const std::vector<uint8_t>& mbr) {
-    for (int i = 0; i < 4; ++i)
-        if (mbr[kEntriesAt + kEntryBytes * i] == kActive) return i;
-    return -1;
-}
+int ActiveEntry(const std::vector<uint8_t>& sector) { return mbr::ActiveEntry(sector.data()); }
 
 bool HasActiveEntry(MbrAccess& access) {
     std::vector<uint8_t> mbr;
@@ -159,13 +150,13 @@ DWORD UpdateDiskPartition(MbrAccess* disk, const ChsGeometry& g, Format format, 
     const int index = ActiveEntry(mbr);
     *found = index >= 0;
     if (index < 0) return 0;
-    const size_t at = kEntriesAt + kEntryBytes * index;
+    const size_t at = mbr::kEntriesAt + mbr::kEntryBytes * index;
     uint8_t* entry = mbr.data() + at;
     Log(4, L"start Head[%d], start Sector[%d], start Cylinder[%d]", entry[1], entry[2] & 0x3F,
         Cylinder(entry[2], entry[3]));
     Log(4, L"end Head[%x], end Sector[%x], end Cylinder[%x]", entry[5], entry[6] & 0x3F, Cylinder(entry[6], entry[7]));
-    const int64_t first = Get32(entry + 8);
-    const int64_t count = Get32(entry + 12);
+    const int64_t first = mbr::FirstLba(entry);
+    const int64_t count = mbr::SectorCount(entry);
     Log(4, L"Reserve sectors is %04x", static_cast<uint32_t>(first));
     Log(4, L"total sectors is %04x", static_cast<uint32_t>(count));
     const int64_t maxSectors = g.cylinders * g.heads * g.sectorsPerTrack;

@@ -4,6 +4,7 @@
 
 #include "common/wstring_format.h"
 #include "hyperv/adjust_boot_cfg.h"
+#include "hyperv/mbr_layout.h"
 #include "log/call_frame.h"
 #include "log/debug_log.h"
 #include "platform/vdisk.h"
@@ -14,9 +15,6 @@ namespace kx::hyperv {
 namespace {
 
 constexpr DWORD kMbrBytes = 512;
-constexpr size_t kEntriesAt = 0x1BE;
-constexpr size_t kEntryBytes = 16;
-constexpr uint8_t kActive = 0x80;
 
 bool IsVhdFamily(const std::wstring& path) {
     return EndsWithNoCase(path, L".vhd") || EndsWithNoCase(path, L".avhd");
@@ -50,18 +48,15 @@ DWORD FindActiveVolume(const std::wstring& disk, BootVolume* volume) {
     DWORD sectorSize = 0;
     if (DWORD rc = ReadSectorZero(disk, mbr, &sectorSize)) return rc;
     if (mbr[510] != 0x55 || mbr[511] != 0xAA) return 0;
-    for (int i = 0; i < 4; ++i) {
-        const uint8_t* entry = mbr + kEntriesAt + kEntryBytes * i;
-        if (entry[0] != kActive) continue;
-        const uint32_t firstLba = entry[8] | (entry[9] << 8) | (entry[10] << 16) | (static_cast<uint32_t>(entry[11]) << 24);
-        // The first active entry decides, as it does for a BIOS boot: one
-        // that starts at sector 0 is no volume.
-        if (firstLba == 0) return 0;
-        volume->disk = disk;
-        volume->offset = static_cast<uint64_t>(firstLba) * sectorSize;
-        volume->entry = i;
-        return 0;
-    }
+    // The first active entry decides, as it does for a BIOS boot: one that
+    // starts at sector 0 is no volume.
+    const int index = mbr::ActiveEntry(mbr);
+    if (index < 0) return 0;
+    const uint32_t firstLba = mbr::FirstLba(mbr::Entry(mbr, index));
+    if (firstLba == 0) return 0;
+    volume->disk = disk;
+    volume->offset = static_cast<uint64_t>(firstLba) * sectorSize;
+    volume->entry = index;
     return 0;
 }
 

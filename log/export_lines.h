@@ -322,3 +322,19 @@ inline constexpr ExportLines kAdjustVolumeBootCode_HyperV{L"AdjustVolumeBootCode
                                                           kE_INVALIDARG};
 
 }  // namespace kx
+// ---- shadow-copy snapshot manager ---------------------------------------------
+namespace kx {
+namespace vss_rows {
+inline constexpr ExportLines kCreateMgr{L"MVCM_CreateVssMgr", 1, L"%s() starts", 1, kFinished, EndKind::Result,
+                                        L"%s() failed due to invalid parameter", kE_POINTER, kE_OUTOFMEMORY};
+inline constexpr const wchar_t* kHrFinished = L"%s() finished, hr = [0x%08X]";
+inline constexpr ExportLines kCreateSet{L"IVssMgr::CreateSnapshotSet", 1, L"%s(%d volumes) starts", 1, kHrFinished,
+                                        EndKind::Result, L"%s() failed due to invalid parameter", kE_INVALIDARG,
+                                        kE_OUTOFMEMORY};
+inline constexpr ExportLines kDeleteSet{L"IVssMgr::DeleteSnapshotSet", 1, L"%s() starts", 1, kHrFinished,
+                                        EndKind::Result};
+inline constexpr ExportLines kRelease{L"IVssMgr::Release", 1, L"%s(keep = %d) starts", 1, kFinished,
+                                      EndKind::Result};
+}  // namespace vss_rows
+
+}  // namespace kx

@@ -55,7 +55,6 @@ public:
         return E_NOTIMPL;
     }
     HRESULT STDMETHODCALLTYPE QueryStatus(HRESULT* result, INT*) override {
-        ++owner_.polls;
         if (auto f = owner_.script.fail.find(L"QueryStatus:" + step_); f != owner_.script.fail.end()) return f->second;
         if (!result) return E_POINTER;
         if (cancelled_) {
@@ -170,82 +169,45 @@ public:
     }
 
     // Not part of making a set.
-    HRESULT STDMETHODCALLTYPE GetWriterComponentsCount(UINT*) override { return No(L"GetWriterComponentsCount"); }
-    HRESULT STDMETHODCALLTYPE GetWriterComponents(UINT, IVssWriterComponentsExt**) override {
-        return No(L"GetWriterComponents");
-    }
-    HRESULT STDMETHODCALLTYPE InitializeForRestore(BSTR) override { return No(L"InitializeForRestore"); }
-    HRESULT STDMETHODCALLTYPE SetRestoreState(VSS_RESTORE_TYPE) override { return No(L"SetRestoreState"); }
-    HRESULT STDMETHODCALLTYPE GetWriterMetadataCount(UINT*) override { return No(L"GetWriterMetadataCount"); }
-    HRESULT STDMETHODCALLTYPE GetWriterMetadata(UINT, VSS_ID*, IVssExamineWriterMetadata**) override {
-        return No(L"GetWriterMetadata");
-    }
-    HRESULT STDMETHODCALLTYPE FreeWriterMetadata() override { return No(L"FreeWriterMetadata"); }
-    HRESULT STDMETHODCALLTYPE AddComponent(VSS_ID, VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR) override {
-        return No(L"AddComponent");
-    }
-    HRESULT STDMETHODCALLTYPE GatherWriterStatus(IVssAsync**) override { return No(L"GatherWriterStatus"); }
-    HRESULT STDMETHODCALLTYPE GetWriterStatusCount(UINT*) override { return No(L"GetWriterStatusCount"); }
-    HRESULT STDMETHODCALLTYPE FreeWriterStatus() override { return No(L"FreeWriterStatus"); }
-    HRESULT STDMETHODCALLTYPE GetWriterStatus(UINT, VSS_ID*, VSS_ID*, BSTR*, VSS_WRITER_STATE*, HRESULT*) override {
-        return No(L"GetWriterStatus");
-    }
-    HRESULT STDMETHODCALLTYPE SetBackupSucceeded(VSS_ID, VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR,
-                                                 boolean) override {
-        return No(L"SetBackupSucceeded");
-    }
-    HRESULT STDMETHODCALLTYPE SetBackupOptions(VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR, LPCWSTR) override {
-        return No(L"SetBackupOptions");
-    }
-    HRESULT STDMETHODCALLTYPE SetSelectedForRestore(VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR, boolean) override {
-        return No(L"SetSelectedForRestore");
-    }
-    HRESULT STDMETHODCALLTYPE SetRestoreOptions(VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR, LPCWSTR) override {
-        return No(L"SetRestoreOptions");
-    }
-    HRESULT STDMETHODCALLTYPE SetAdditionalRestores(VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR, boolean) override {
-        return No(L"SetAdditionalRestores");
-    }
-    HRESULT STDMETHODCALLTYPE SetPreviousBackupStamp(VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR, LPCWSTR) override {
-        return No(L"SetPreviousBackupStamp");
-    }
-    HRESULT STDMETHODCALLTYPE SaveAsXML(BSTR*) override { return No(L"SaveAsXML"); }
-    HRESULT STDMETHODCALLTYPE AddAlternativeLocationMapping(VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR, LPCWSTR,
-                                                            LPCWSTR, boolean, LPCWSTR) override {
-        return No(L"AddAlternativeLocationMapping");
-    }
-    HRESULT STDMETHODCALLTYPE AddRestoreSubcomponent(VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR, LPCWSTR, LPCWSTR,
-                                                     boolean) override {
-        return No(L"AddRestoreSubcomponent");
-    }
-    HRESULT STDMETHODCALLTYPE SetFileRestoreStatus(VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR,
-                                                   VSS_FILE_RESTORE_STATUS) override {
-        return No(L"SetFileRestoreStatus");
-    }
-    HRESULT STDMETHODCALLTYPE AddNewTarget(VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR, LPCWSTR, LPCWSTR, boolean,
-                                           LPCWSTR) override {
-        return No(L"AddNewTarget");
-    }
-    HRESULT STDMETHODCALLTYPE SetRangesFilePath(VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR, UINT, LPCWSTR) override {
-        return No(L"SetRangesFilePath");
-    }
-    HRESULT STDMETHODCALLTYPE PreRestore(IVssAsync**) override { return No(L"PreRestore"); }
-    HRESULT STDMETHODCALLTYPE PostRestore(IVssAsync**) override { return No(L"PostRestore"); }
-    HRESULT STDMETHODCALLTYPE ImportSnapshots(IVssAsync**) override { return No(L"ImportSnapshots"); }
-    HRESULT STDMETHODCALLTYPE BreakSnapshotSet(VSS_ID) override { return No(L"BreakSnapshotSet"); }
-    HRESULT STDMETHODCALLTYPE Query(VSS_ID, VSS_OBJECT_TYPE, VSS_OBJECT_TYPE, IVssEnumObject**) override {
-        return No(L"Query");
-    }
-    HRESULT STDMETHODCALLTYPE DisableWriterClasses(const VSS_ID*, UINT) override { return No(L"DisableWriterClasses"); }
-    HRESULT STDMETHODCALLTYPE EnableWriterClasses(const VSS_ID*, UINT) override { return No(L"EnableWriterClasses"); }
-    HRESULT STDMETHODCALLTYPE DisableWriterInstances(const VSS_ID*, UINT) override {
-        return No(L"DisableWriterInstances");
-    }
-    HRESULT STDMETHODCALLTYPE ExposeSnapshot(VSS_ID, VSS_PWSZ, LONG, VSS_PWSZ, VSS_PWSZ*) override {
-        return No(L"ExposeSnapshot");
-    }
-    HRESULT STDMETHODCALLTYPE RevertToSnapshot(VSS_ID, BOOL) override { return No(L"RevertToSnapshot"); }
-    HRESULT STDMETHODCALLTYPE QueryRevertStatus(VSS_PWSZ, IVssAsync**) override { return No(L"QueryRevertStatus"); }
+#define KX_NOT_USED(name, params) \
+    HRESULT STDMETHODCALLTYPE name params override { return No(L"" #name); }
+    KX_NOT_USED(GetWriterComponentsCount, (UINT*))
+    KX_NOT_USED(GetWriterComponents, (UINT, IVssWriterComponentsExt**))
+    KX_NOT_USED(InitializeForRestore, (BSTR))
+    KX_NOT_USED(SetRestoreState, (VSS_RESTORE_TYPE))
+    KX_NOT_USED(GetWriterMetadataCount, (UINT*))
+    KX_NOT_USED(GetWriterMetadata, (UINT, VSS_ID*, IVssExamineWriterMetadata**))
+    KX_NOT_USED(FreeWriterMetadata, ())
+    KX_NOT_USED(AddComponent, (VSS_ID, VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR))
+    KX_NOT_USED(GatherWriterStatus, (IVssAsync**))
+    KX_NOT_USED(GetWriterStatusCount, (UINT*))
+    KX_NOT_USED(FreeWriterStatus, ())
+    KX_NOT_USED(GetWriterStatus, (UINT, VSS_ID*, VSS_ID*, BSTR*, VSS_WRITER_STATE*, HRESULT*))
+    KX_NOT_USED(SetBackupSucceeded, (VSS_ID, VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR, boolean))
+    KX_NOT_USED(SetBackupOptions, (VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR, LPCWSTR))
+    KX_NOT_USED(SetSelectedForRestore, (VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR, boolean))
+    KX_NOT_USED(SetRestoreOptions, (VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR, LPCWSTR))
+    KX_NOT_USED(SetAdditionalRestores, (VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR, boolean))
+    KX_NOT_USED(SetPreviousBackupStamp, (VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR, LPCWSTR))
+    KX_NOT_USED(SaveAsXML, (BSTR*))
+    KX_NOT_USED(AddAlternativeLocationMapping,
+                (VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR, LPCWSTR, LPCWSTR, boolean, LPCWSTR))
+    KX_NOT_USED(AddRestoreSubcomponent, (VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR, LPCWSTR, LPCWSTR, boolean))
+    KX_NOT_USED(SetFileRestoreStatus, (VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR, VSS_FILE_RESTORE_STATUS))
+    KX_NOT_USED(AddNewTarget, (VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR, LPCWSTR, LPCWSTR, boolean, LPCWSTR))
+    KX_NOT_USED(SetRangesFilePath, (VSS_ID, VSS_COMPONENT_TYPE, LPCWSTR, LPCWSTR, UINT, LPCWSTR))
+    KX_NOT_USED(PreRestore, (IVssAsync**))
+    KX_NOT_USED(PostRestore, (IVssAsync**))
+    KX_NOT_USED(ImportSnapshots, (IVssAsync**))
+    KX_NOT_USED(BreakSnapshotSet, (VSS_ID))
+    KX_NOT_USED(Query, (VSS_ID, VSS_OBJECT_TYPE, VSS_OBJECT_TYPE, IVssEnumObject**))
+    KX_NOT_USED(DisableWriterClasses, (const VSS_ID*, UINT))
+    KX_NOT_USED(EnableWriterClasses, (const VSS_ID*, UINT))
+    KX_NOT_USED(DisableWriterInstances, (const VSS_ID*, UINT))
+    KX_NOT_USED(ExposeSnapshot, (VSS_ID, VSS_PWSZ, LONG, VSS_PWSZ, VSS_PWSZ*))
+    KX_NOT_USED(RevertToSnapshot, (VSS_ID, BOOL))
+    KX_NOT_USED(QueryRevertStatus, (VSS_PWSZ, IVssAsync**))
+#undef KX_NOT_USED
 
 private:
     // Records the call; out of turn is a violation. An injected failure
@@ -283,11 +245,6 @@ private:
     Stage stage_ = New;
     std::wstring checked_;
 };
-
-FakeVss::FakeVss() { kx::platform::SetVssApi(this); }
-FakeVss::~FakeVss() { kx::platform::SetVssApi(nullptr); }
-
-void FakeVss::AddVolume(const std::wstring& path, const std::wstring& volumeName) { volumes_[path] = volumeName; }
 
 HRESULT FakeVss::CreateBackupComponents(IVssBackupComponents** components) {
     calls.push_back(L"CreateVssBackupComponents");

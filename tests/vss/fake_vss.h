@@ -40,11 +40,11 @@ struct Script {
 
 class FakeVss final : public kx::platform::VssApi {
 public:
-    FakeVss();
-    ~FakeVss() override;
+    FakeVss() { kx::platform::SetVssApi(this); }
+    ~FakeVss() override { kx::platform::SetVssApi(nullptr); }
 
     // Path -> volume name for VolumeNameOf (case-insensitive); others 2.
-    void AddVolume(const std::wstring& path, const std::wstring& volumeName);
+    void AddVolume(const std::wstring& path, const std::wstring& volumeName) { volumes_[path] = volumeName; }
 
     HRESULT CreateBackupComponents(IVssBackupComponents** components) override;
     void FreeSnapshotProperties(VSS_SNAPSHOT_PROP* prop) override;
@@ -55,7 +55,6 @@ public:
     std::vector<std::wstring> violations;  // calls out of turn, bad arguments, double frees
     std::vector<std::wstring> added;       // volume names added to the newest set, in order
     int propsLive = 0;                     // properties handed out and not freed
-    int polls = 0;                         // QueryStatus calls
 
 private:
     std::map<std::wstring, std::wstring> volumes_;
@@ -68,12 +67,8 @@ class CountingPause final : public kx::platform::Pause {
 public:
     CountingPause() { kx::platform::SetPause(this); }
     ~CountingPause() override { kx::platform::SetPause(nullptr); }
-    void For(DWORD ms) override {
-        total += ms;
-        ++count;
-    }
+    void For(DWORD ms) override { total += ms; }
     unsigned long long total = 0;
-    int count = 0;
 };
 
 }  // namespace fakevss

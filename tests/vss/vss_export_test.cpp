@@ -55,3 +55,28 @@ TEST(VssExport, ManagerWithoutAShadowCopyServiceFailsCleanly) {
 }
 
 }  // namespace
+
+namespace {
+
+// kxha vss: its refusals, and on a host without the service the failure
+// with the service's code.
+TEST(VssTool, SnapshotCommandReportsTheFailureOrItsUsage) {
+    const struct {
+        const wchar_t* args;
+        DWORD code;
+        const char* shown;
+    } cases[] = {
+        {L"vss snapshot C:\\ --keep", 1, "error: making the snapshot set failed, rc = "},
+        {L"vss snapshot C:\\windows D:\\ --json", 1, "error: making the snapshot set failed, rc = "},
+        {L"vss snapshot", 2, "usage: kxha vss snapshot"},
+        {L"vss", 2, "usage: kxha vss snapshot"},
+    };
+    for (const auto& c : cases) {
+        std::string out;
+        const DWORD code = kxtest::RunCapture(L"\"" + kxtest::BinDir() + L"\\kxha.exe\" " + c.args, &out);
+        EXPECT_EQ(c.code, code) << out;
+        EXPECT_NE(std::string::npos, out.find(c.shown)) << out;
+    }
+}
+
+}  // namespace

@@ -112,4 +112,13 @@ inline const wchar_t* const kIsoUsage =
     L"The folder becomes a top-level folder of the image. A progress line follows the image's\n"
     L"growth on a terminal (always with --progress).";
 
+// Shadow copies of host volumes (cmd_vss.cpp).
+int CmdVss(const Args& args);
+inline const wchar_t* const kVssUsage =
+    L"kxha vss snapshot <volume or path>... [--keep] [--json]\n"
+    L"\n"
+    L"Makes one shadow-copy set of the volumes that hold the given drives, folders or volume names,\n"
+    L"shows each volume's shadow device and snapshot id, and removes the set again (--keep leaves it).\n"
+    L"Exit 0 when the set was made, 1 with the service's code when not.";
+
 }  // namespace kxha

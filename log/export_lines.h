@@ -322,3 +322,17 @@ inline constexpr ExportLines kAdjustVolumeBootCode_HyperV{L"AdjustVolumeBootCode
                                                           kE_INVALIDARG};
 
 }  // namespace kx
+// ---- VMware guest support --------------------------------------------------------
+namespace kx {
+inline constexpr ExportLines kGetVddkVersion{L"GetVddkVersion", 2, L"%s() starts", 2, kFinished, EndKind::Result};
+inline constexpr ExportLines kGetGuestID{L"GetGuestID", 2, L"%s(%u.%u, build %u, %s, architecture %u) starts", 2,
+                                         kFinished, EndKind::Result};
+inline constexpr ExportLines kgetDotNetVersion{L"getDotNetVersion", 2, L"%s(%s) starts", 2, kFinished,
+                                               EndKind::Result};
+inline constexpr ExportLines kCheckVMToolStatus{L"CheckVMToolStatus", 2, L"%s() starts", 2, kFinished,
+                                                EndKind::Result};
+inline constexpr ExportLines kInstallVMwareTools{L"InstallVMwareTools", 1, L"%s(%s) starts", 1, kFinished,
+                                                 EndKind::Result};
+inline constexpr ExportLines kInstallIntegrationService{L"InstallIntegrationService", 1, L"%s(%s) starts", 1,
+                                                        kFinished, EndKind::Result};
+}  // namespace kx

@@ -113,3 +113,17 @@ inline const wchar_t* const kIsoUsage =
     L"growth on a terminal (always with --progress).";
 
 }  // namespace kxha
+// VMware guest support: guest identifiers, .NET versions, VMware Tools and VDDK (cmd_vmware.cpp).
+namespace kxha {
+int CmdVmware(const Args& args);
+inline const wchar_t* const kVmwareUsage =
+    L"kxha vmware guest-id <major.minor[.build]> [--server] [--x86] [--json]\n"
+    L"       kxha vmware dotnet [<Windows folder>] [--json]\n"
+    L"       kxha vmware tools-status [--json]\n"
+    L"       kxha vmware vddk [--json]\n"
+    L"\n"
+    L"guest-id gives the VMware guest OS identifier of a Windows release (client x64 unless told); a\n"
+    L"release it does not know gets the fallback identifier and exit 1. dotnet lists the .NET Framework\n"
+    L"versions of the host, or of the offline guest whose Windows folder is given. tools-status shows\n"
+    L"the VMware Tools service's state; vddk the version of the VDDK library found.";
+}  // namespace kxha

@@ -18,6 +18,14 @@ KXHA_API DWORD GetGuestID(DWORD major, DWORD minor, DWORD build, bool server, DW
     return g::GetGuestID({major, minor, build, server, architecture}, &guestId);
 }
 
+KXHA_API DWORD GetGuestIDEx(const std::wstring& systemDir, RegistryHiveLoader* software, RegistryHiveLoader* system,
+                            std::wstring& guestId, KxWindowsRelease* release) {
+    g::WindowsRelease r;
+    const DWORD rc = g::GetGuestIDEx(systemDir, kx::exports::Inner(software), kx::exports::Inner(system), &guestId, &r);
+    if (release) *release = {r.major, r.minor, r.build, r.server, r.architecture};
+    return rc;
+}
+
 KXHA_API DWORD getDotNetVersion(std::wstring& highest, std::vector<std::wstring>* installed) {
     return g::GetDotNetVersion(L"", nullptr, false, &highest, installed);
 }

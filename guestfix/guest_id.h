@@ -7,6 +7,8 @@
 
 #include <string>
 
+#include "guestfix/hive_access.h"
+
 namespace kx::guestfix {
 
 // Processor architectures as GetSystemInfo names them.
@@ -27,8 +29,22 @@ const wchar_t* VmwareGuestId(const WindowsRelease& release) noexcept;
 // The identifier for a VM that runs an unknown release.
 const wchar_t* FallbackGuestId(DWORD architecture) noexcept;
 
+// An offline guest's release: version, build and edition from its
+// software hive's "Windows NT\CurrentVersion" (CurrentMajorVersionNumber and
+// CurrentMinorVersionNumber where present, since 10.0 keeps CurrentVersion
+// at "6.3"; CurrentBuildNumber; InstallationType), edition and architecture
+// from its system hive's ProductOptions "ProductType" (WinNT is a client)
+// and Session Manager\Environment "PROCESSOR_ARCHITECTURE". An architecture
+// not given or not known reads as PROCESSOR_ARCHITECTURE_UNKNOWN. Hives
+// that are given stay loaded; others are loaded here and unloaded.
+[[nodiscard]] DWORD ReadGuestRelease(const std::wstring& systemDir, HiveLoader* software, HiveLoader* system,
+                                     WindowsRelease* release);
+
 // The export: `*guestId` is the known identifier (0) or the fallback
 // (ERROR_NOT_FOUND, logged as a warning).
 [[nodiscard]] DWORD GetGuestID(const WindowsRelease& release, std::wstring* guestId);
+// The same for an offline guest (ReadGuestRelease); `release` is optional.
+[[nodiscard]] DWORD GetGuestIDEx(const std::wstring& systemDir, HiveLoader* software, HiveLoader* system,
+                                 std::wstring* guestId, WindowsRelease* release);
 
 }  // namespace kx::guestfix

@@ -327,6 +327,7 @@ namespace kx {
 inline constexpr ExportLines kGetVddkVersion{L"GetVddkVersion", 2, L"%s() starts", 2, kFinished, EndKind::Result};
 inline constexpr ExportLines kGetGuestID{L"GetGuestID", 2, L"%s(%u.%u, build %u, %s, architecture %u) starts", 2,
                                          kFinished, EndKind::Result};
+inline constexpr ExportLines kGetGuestIDEx{L"GetGuestIDEx", 2, L"%s(%s) starts", 2, kFinished, EndKind::Result};
 inline constexpr ExportLines kgetDotNetVersion{L"getDotNetVersion", 2, L"%s(%s) starts", 2, kFinished,
                                                EndKind::Result};
 inline constexpr ExportLines kCheckVMToolStatus{L"CheckVMToolStatus", 2, L"%s() starts", 2, kFinished,

@@ -54,6 +54,30 @@ KXHA_API DWORD GetVddkVersion(std::wstring& version, std::wstring* libraryPath);
 KXHA_API DWORD GetGuestID(DWORD major, DWORD minor, DWORD build, bool server, DWORD architecture,
                           std::wstring& guestId);
 
+// What GetGuestIDEx read of a guest.
+struct KxWindowsRelease {
+    DWORD major, minor, build;
+    bool server;
+    DWORD architecture;  // 0 x86, 9 x64, 12 Arm64, 6 Itanium, 0xFFFF not known
+};
+// The same for an offline guest, from its hives (`software` and `system`
+// from GetSoftwareHiveKeyEx / GetSystemHiveKeyEx stay loaded; a null one is
+// loaded from <systemDir> and unloaded before the return):
+// - version: "CurrentMajorVersionNumber" and "CurrentMinorVersionNumber" of
+//   the software hive's Microsoft\Windows NT\CurrentVersion where present
+//   (10.0 and later keep "CurrentVersion" at "6.3"), else "CurrentVersion";
+//   build: "CurrentBuildNumber";
+// - edition: the system hive's Control\ProductOptions "ProductType" (WinNT
+//   a client; ServerNT, LanmanNT a server), else "InstallationType"
+//   ("Client" or a server kind), else client;
+// - architecture: Control\Session Manager\Environment
+//   "PROCESSOR_ARCHITECTURE" (x86, AMD64, ARM64, IA64; absent: not known).
+// `release` (optional) gets what was read. Results as GetGuestID, and the
+// hive load's code (10 for a missing hive file); 87 for an empty
+// `systemDir` without both hives.
+KXHA_API DWORD GetGuestIDEx(const std::wstring& systemDir, RegistryHiveLoader* software, RegistryHiveLoader* system,
+                            std::wstring& guestId, KxWindowsRelease* release);
+
 // ---- .NET Framework -----------------------------------------------------------
 // The .NET Framework versions installed, from the keys below
 // "SOFTWARE\Microsoft\NET Framework Setup\NDP":

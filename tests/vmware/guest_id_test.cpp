@@ -4,8 +4,8 @@
 // library's own table, which keys on first builds.
 #include <gtest/gtest.h>
 
+#include "../guestfix/guest_test_util.h"
 #include "guestfix/guest_id.h"
-#include "kx_test.h"
 
 namespace g = kx::guestfix;
 
@@ -56,6 +56,13 @@ const Release kReleases[] = {
     {"Server 23H2", 10, 0, 25398, true, x64, L"windows2019srvNext_64Guest"},
     {"Server 2025", 10, 0, 26100, true, x64, L"windows2022srvNext_64Guest"},
     {"10.0 without a build", 10, 0, 0, false, x64, L"windows9_64Guest"},
+    // The last build before each 10.0 release, and builds not yet released.
+    {"client build 21999", 10, 0, 21999, false, x64, L"windows9_64Guest"},
+    {"server build 17762", 10, 0, 17762, true, x64, L"windows9Server64Guest"},
+    {"server build 20347", 10, 0, 20347, true, x64, L"windows2019srv_64Guest"},
+    {"server build 26099", 10, 0, 26099, true, x64, L"windows2019srvNext_64Guest"},
+    {"Server vNext", 10, 0, 0xFFFFFFFF, true, x64, L"windows2022srvNext_64Guest"},
+    {"11 vNext", 10, 0, 0xFFFFFFFF, false, x64, L"windows11_64Guest"},
     // Never shipped so, or not Windows VMware names.
     {"2000 x64", 5, 0, 2195, false, x64, nullptr},
     {"XP x64 on 5.1", 5, 1, 2600, false, x64, nullptr},
@@ -90,23 +97,47 @@ TEST(GuestId, EveryReleaseAgainstTheDocumentedTable) {
     }
 }
 
-// The build thresholds of 10.0: the last build of each release and the first
-// of the next, as Microsoft numbers them.
-TEST(GuestId, TenBuildBoundaries) {
+// Offline guests: the release as their hives tell it, on both backends.
+class GuestIdOfGuest : public kxguest::TwoBackends {};
+
+TEST_P(GuestIdOfGuest, ReadFromTheHives) {
     const struct {
-        DWORD build;
-        bool server;
+        const char *system, *software;
+        DWORD rc;
         const wchar_t* id;
+        DWORD major, minor, build;
+        bool server;
+        DWORD arch;
     } cases[] = {
-        {21999, false, L"windows9_64Guest"},        {22000, false, L"windows11_64Guest"},
-        {17762, true, L"windows9Server64Guest"},    {17763, true, L"windows2019srv_64Guest"},
-        {20347, true, L"windows2019srv_64Guest"},   {20348, true, L"windows2019srvNext_64Guest"},
-        {26099, true, L"windows2019srvNext_64Guest"}, {26100, true, L"windows2022srvNext_64Guest"},
-        {0xFFFFFFFF, true, L"windows2022srvNext_64Guest"}, {0xFFFFFFFF, false, L"windows11_64Guest"},
+        // Control set 2 is current; 10.0 read from its DWORDs, not "6.3".
+        {"guestid-system", "dotnet-software", 0, L"windows2019srvNext_64Guest", 10, 0, 20348, true, x64},
+        // No build, no ProductOptions, no InstallationType: the first 10.0 client.
+        {"system", "vmguest10-software", 0, L"windows9_64Guest", 10, 0, 0, false, x64},
+        {"system", "software-62", 0, L"windows8_64Guest", 6, 2, 7601, false, x64},
+        // No PROCESSOR_ARCHITECTURE: not known.
+        {"vmguest-system", "vmguest-software", ERROR_NOT_FOUND, L"otherGuest64", 6, 1, 0, false, 0xFFFF},
+        {"", "software-62", ERROR_BAD_ENVIRONMENT, L"", 0, 0, 0, false, 0xFFFF},
     };
     for (const auto& c : cases) {
-        std::wstring id;
-        EXPECT_EQ(g::GetGuestID({10, 0, c.build, c.server, x64}, &id), 0u) << c.build;
-        EXPECT_EQ(id, c.id) << c.build;
+        kxguest::Guest guest(c.system, c.software, Ext());
+        std::wstring id = L"stale";
+        g::WindowsRelease r;
+        EXPECT_EQ(g::GetGuestIDEx(guest.windows, nullptr, nullptr, &id, &r), c.rc) << c.software;
+        EXPECT_EQ(id, c.id) << c.software;
+        EXPECT_EQ(std::tuple(r.major, r.minor, r.build, r.server, r.architecture),
+                  std::tuple(c.major, c.minor, c.build, c.server, c.arch))
+            << c.software;
     }
+    // Hives that are given stay loaded.
+    kxguest::Guest guest("guestid-system", "dotnet-software", Ext());
+    auto software = Load(guest, g::GuestHive::kSoftware);
+    auto system = Load(guest, g::GuestHive::kSystem);
+    ASSERT_TRUE(software && system);
+    std::wstring id;
+    EXPECT_EQ(g::GetGuestIDEx(L"", software.get(), system.get(), &id, nullptr), 0u);
+    EXPECT_EQ(id, L"windows2019srvNext_64Guest");
+    EXPECT_TRUE(kxguest::Open(*system, L"\\Select").IsValid());
+    EXPECT_EQ(g::GetGuestIDEx(L"", software.get(), nullptr, &id, nullptr), DWORD{ERROR_INVALID_PARAMETER});
 }
+
+INSTANTIATE_TEST_SUITE_P(Backends, GuestIdOfGuest, ::testing::Values(false, true), kxguest::BackendName);

@@ -31,15 +31,20 @@ TEST(KxhaVmware, GuestId) {
     }
 }
 
-TEST(KxhaVmware, DotNetOfAGuestAndUsage) {
+TEST(KxhaVmware, OfflineGuestAndUsage) {
     kxtest::ScratchDir dir;
     const std::wstring windows = dir / L"G\u00e4st\\Windows";
     kxtest::MakeDirs(windows + L"\\system32\\config");
-    const auto bytes = kxtest::ReadBytes(kxhatest::Fixture("dotnet-software.hive"));
-    kxtest::WriteBytes(windows + L"\\system32\\config\\software", bytes.data(), bytes.size());
+    for (const auto& [fixture, hive] : {std::pair{"dotnet-software.hive", L"software"}, {"guestid-system.hive", L"system"}}) {
+        const auto bytes = kxtest::ReadBytes(kxhatest::Fixture(fixture));
+        kxtest::WriteBytes(windows + L"\\system32\\config\\" + hive, bytes.data(), bytes.size());
+    }
     auto r = Kxha(L"vmware dotnet " + Q(windows));
     EXPECT_EQ(r.code, 0u) << r.out;
     EXPECT_TRUE(Has(r, "NEWEST     4.8\nINSTALLED  2.0, 3.0, 3.5, 4.8\n")) << r.out;
+    r = Kxha(L"vmware guest-id " + Q(windows) + L" --json");
+    EXPECT_EQ(r.out, "{\"release\": \"10.0.20348\", \"edition\": \"server\", \"architecture\": \"x64\", "
+                     "\"guestId\": \"windows2019srvNext_64Guest\", \"known\": true}\n");
     r = Kxha(L"vmware dotnet " + Q(windows) + L" --json");
     EXPECT_TRUE(Has(r, "\"newest\": \"4.8\", \"installed\": [\"2.0\", \"3.0\", \"3.5\", \"4.8\"]}")) << r.out;
     EXPECT_TRUE(Has(Kxha(L"vmware dotnet " + Q(dir / L"none")), "no Windows folder"));

@@ -1,54 +1,46 @@
 // The VMware Tools state through the real service control manager: a
 // stand-in service program is installed under the tools' service name,
-// started and stopped, and removed at the end (also when a check fails).
+// started, stopped and removed (also when a check fails).
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
 #include "../kxha/kxha_run.h"
-#include "common/unique_resource.h"
 #include "host/vmware_support.h"
-#include "kx_test.h"
 
 namespace h = kx::host;
+using kx::unique_sc_handle;
 
 namespace {
 
-using kx::unique_sc_handle;
-
-DWORD StateOf(SC_HANDLE service) {
-    SERVICE_STATUS s{};
-    return ::QueryServiceStatus(service, &s) ? s.dwCurrentState : 0;
-}
-
-// Waits (bounded, not timed) until the service reaches `state`.
+// Waits (bounded by a count, not timed) until the service reaches `state`.
 bool WaitFor(SC_HANDLE service, DWORD state) {
-    for (int i = 0; i < 600; ++i) {
-        if (StateOf(service) == state) return true;
-        ::Sleep(50);
-    }
+    SERVICE_STATUS s{};
+    for (int i = 0; i < 600 && ::QueryServiceStatus(service, &s); ++i, ::Sleep(50))
+        if (s.dwCurrentState == state) return true;
     return false;
 }
 
+// Stops and deletes the service if it exists.
 void Remove(SC_HANDLE scm) {
     unique_sc_handle old(::OpenServiceW(scm, h::kVmToolsService, SERVICE_ALL_ACCESS));
-    if (!old) return;
     SERVICE_STATUS s{};
-    if (::ControlService(old.get(), SERVICE_CONTROL_STOP, &s)) WaitFor(old.get(), SERVICE_STOPPED);
-    ::DeleteService(old.get());
+    if (old && ::ControlService(old.get(), SERVICE_CONTROL_STOP, &s)) WaitFor(old.get(), SERVICE_STOPPED);
+    if (old) ::DeleteService(old.get());
 }
 
-// The stand-in service, removed when the test ends.
 struct StandInService {
     unique_sc_handle scm{::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)};
     unique_sc_handle service;
-    StandInService() {
-        std::string exe = std::string("Z:") + KX_VMWARE_BIN + "/service/kx_dummy_service.exe";
+    explicit StandInService(bool install) {
+        Remove(scm.get());  // left by a run that was killed
+        std::string exe = std::string("\"Z:") + KX_VMWARE_BIN + "/service/kx_dummy_service.exe\"";
         std::replace(exe.begin(), exe.end(), '/', '\\');
-        const std::wstring path = L"\"" + std::wstring(exe.begin(), exe.end()) + L"\"";
-        service.reset(::CreateServiceW(scm.get(), h::kVmToolsService, L"VMware Tools stand-in", SERVICE_ALL_ACCESS,
-                                       SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_IGNORE,
-                                       path.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
+        if (install)
+            service.reset(::CreateServiceW(scm.get(), h::kVmToolsService, L"VMware Tools stand-in", SERVICE_ALL_ACCESS,
+                                           SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_IGNORE,
+                                           std::wstring(exe.begin(), exe.end()).c_str(), nullptr, nullptr, nullptr,
+                                           nullptr, nullptr));
     }
     ~StandInService() {
         service.reset();
@@ -65,25 +57,19 @@ DWORD Status() {
 }  // namespace
 
 TEST(VmTools, NotInstalledStoppedRunningAndRemoved) {
-    {
-        unique_sc_handle scm(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
-        ASSERT_TRUE(scm);
-        Remove(scm.get());  // left by a run that was killed
-    }
+    StandInService(false);
     EXPECT_EQ(Status(), 0u);
     EXPECT_TRUE(kxhatest::Has(kxhatest::Kxha(L"vmware tools-status"), "STATUS   not installed\n"));
     {
-        StandInService svc;
+        StandInService svc(true);
         ASSERT_TRUE(svc.service) << ::GetLastError();
         EXPECT_EQ(Status(), DWORD{SERVICE_STOPPED});
         EXPECT_EQ(kxhatest::Kxha(L"vmware tools-status --json").out,
                   "{\"service\": \"VMTools\", \"state\": 1, \"status\": \"stopped\"}\n");
-
         ASSERT_TRUE(::StartServiceW(svc.service.get(), 0, nullptr)) << ::GetLastError();
         ASSERT_TRUE(WaitFor(svc.service.get(), SERVICE_RUNNING));
         EXPECT_EQ(Status(), DWORD{SERVICE_RUNNING});
         EXPECT_TRUE(kxhatest::Has(kxhatest::Kxha(L"vmware tools-status"), "STATUS   running\n"));
-
         SERVICE_STATUS s{};
         ASSERT_TRUE(::ControlService(svc.service.get(), SERVICE_CONTROL_STOP, &s));
         ASSERT_TRUE(WaitFor(svc.service.get(), SERVICE_STOPPED));

@@ -11,16 +11,12 @@ namespace h = kx::host;
 
 namespace {
 
-std::wstring Built(const std::string& rel) {
-    std::string path = std::string("Z:") + KX_VMWARE_BIN + "/" + rel;
-    std::replace(path.begin(), path.end(), '/', '\\');
-    return std::wstring(path.begin(), path.end());
+std::wstring Wide(std::string s) {
+    std::replace(s.begin(), s.end(), '/', '\\');
+    return std::wstring(s.begin(), s.end());
 }
-
-const std::wstring kExpected = [] {
-    const std::string v = KX_VDDK_VERSION;
-    return std::wstring(v.begin(), v.end());
-}();
+std::wstring Built(const std::string& rel) { return Wide(std::string("Z:") + KX_VMWARE_BIN + "/" + rel); }
+const std::wstring kExpected = Wide(KX_VDDK_VERSION);
 
 void CopyTo(const std::wstring& from, const std::wstring& folder) {
     kxtest::MakeDirs(folder);

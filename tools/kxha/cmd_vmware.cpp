@@ -39,24 +39,49 @@ std::wstring Table(const std::vector<std::pair<std::wstring, std::wstring>>& row
     return text;
 }
 
+bool IsFolder(const std::wstring& path) {
+    const DWORD a = ::GetFileAttributesW(path.c_str());
+    return a != INVALID_FILE_ATTRIBUTES && (a & FILE_ATTRIBUTE_DIRECTORY);
+}
+
+const wchar_t* ArchName(DWORD arch) {
+    switch (arch) {
+        case 0: return L"x86";
+        case 9: return L"x64";
+        case 12: return L"arm64";
+        case 6: return L"ia64";
+    }
+    return L"unknown";
+}
+
+// A release given as major.minor[.build], or read from a guest's Windows folder.
 int GuestId(const std::vector<std::wstring>& pos, const Args& args) {
     DWORD part[3];
-    if (pos.size() < 2 || !ParseRelease(pos[1], part))
-        return Fail(L"GetGuestID", ERROR_INVALID_PARAMETER, L"give the Windows version as major.minor[.build]");
-    const bool server = HasFlag(args, L"--server");
-    const DWORD arch = HasFlag(args, L"--x86") ? 0 : 9;
+    KxWindowsRelease r{};
     std::wstring id;
-    const DWORD rc = GetGuestID(part[0], part[1], part[2], server, arch, id);
-    if (rc != ERROR_SUCCESS && rc != ERROR_NOT_FOUND) return Fail(L"GetGuestID", rc);
-    const std::wstring release = Num(part[0]) + L"." + Num(part[1]) + L"." + Num(part[2]);
+    DWORD rc;
+    const wchar_t* what = L"GetGuestID";
+    if (pos.size() >= 2 && ParseRelease(pos[1], part)) {
+        r = {part[0], part[1], part[2], HasFlag(args, L"--server"), HasFlag(args, L"--x86") ? 0u : 9u};
+        rc = GetGuestID(r.major, r.minor, r.build, r.server, r.architecture, id);
+    } else if (pos.size() >= 2 && IsFolder(pos[1])) {
+        what = L"GetGuestIDEx";
+        rc = GetGuestIDEx(pos[1], nullptr, nullptr, id, &r);
+    } else {
+        return Fail(what, ERROR_INVALID_PARAMETER,
+                    L"give the Windows version as major.minor[.build], or a guest's Windows folder");
+    }
+    if (rc != ERROR_SUCCESS && rc != ERROR_NOT_FOUND) return Fail(what, rc);
+    const std::wstring release = Num(r.major) + L"." + Num(r.minor) + L"." + Num(r.build);
+    const wchar_t* edition = r.server ? L"server" : L"client";
     if (HasFlag(args, L"--json")) {
-        Out(L"{\"release\": " + JsonString(release) + L", \"edition\": " + JsonString(server ? L"server" : L"client") +
-            L", \"architecture\": " + JsonString(arch ? L"x64" : L"x86") + L", \"guestId\": " + JsonString(id) +
+        Out(L"{\"release\": " + JsonString(release) + L", \"edition\": " + JsonString(edition) +
+            L", \"architecture\": " + JsonString(ArchName(r.architecture)) + L", \"guestId\": " + JsonString(id) +
             L", \"known\": " + (rc ? L"false" : L"true") + L"}\n");
     } else {
         Out(Table({{L"RELEASE", release},
-                   {L"EDITION", server ? L"server" : L"client"},
-                   {L"ARCHITECTURE", arch ? L"x64" : L"x86"},
+                   {L"EDITION", edition},
+                   {L"ARCHITECTURE", ArchName(r.architecture)},
                    {L"GUEST ID", id + (rc ? L" (fallback: release not known)" : L"")}}));
     }
     return rc ? 1 : 0;
@@ -66,11 +91,8 @@ int DotNet(const std::vector<std::wstring>& pos, const Args& args) {
     std::wstring highest;
     std::vector<std::wstring> installed;
     const bool guest = pos.size() >= 2;
-    if (guest) {
-        const DWORD a = ::GetFileAttributesW(pos[1].c_str());
-        if (a == INVALID_FILE_ATTRIBUTES || !(a & FILE_ATTRIBUTE_DIRECTORY))
-            return Fail(L"getDotNetVersionEx", ERROR_BAD_ENVIRONMENT, (L"no Windows folder " + pos[1]).c_str());
-    }
+    if (guest && !IsFolder(pos[1]))
+        return Fail(L"getDotNetVersionEx", ERROR_BAD_ENVIRONMENT, (L"no Windows folder " + pos[1]).c_str());
     const DWORD rc = guest ? getDotNetVersionEx(pos[1], nullptr, highest, &installed)
                            : getDotNetVersion(highest, &installed);
     if (rc != ERROR_SUCCESS && rc != ERROR_PRODUCT_UNINSTALLED)

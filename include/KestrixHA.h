@@ -20,3 +20,4 @@
 #include "KestrixHA/hyperv_disk.h"
 #include "KestrixHA/iso.h"
 #include "KestrixHA/vss.h"
+#include "KestrixHA/vmware.h"

@@ -336,5 +336,20 @@ inline constexpr ExportLines kDeleteSet{L"IVssMgr::DeleteSnapshotSet", 1, L"%s()
 inline constexpr ExportLines kRelease{L"IVssMgr::Release", 1, L"%s(keep = %d) starts", 1, kFinished,
                                       EndKind::Result};
 }  // namespace vss_rows
+}  // namespace kx
 
+// ---- VMware guest support --------------------------------------------------------
+namespace kx {
+inline constexpr ExportLines kGetVddkVersion{L"GetVddkVersion", 2, L"%s() starts", 2, kFinished, EndKind::Result};
+inline constexpr ExportLines kGetGuestID{L"GetGuestID", 2, L"%s(%u.%u, build %u, %s, architecture %u) starts", 2,
+                                         kFinished, EndKind::Result};
+inline constexpr ExportLines kGetGuestIDEx{L"GetGuestIDEx", 2, L"%s(%s) starts", 2, kFinished, EndKind::Result};
+inline constexpr ExportLines kgetDotNetVersion{L"getDotNetVersion", 2, L"%s(%s) starts", 2, kFinished,
+                                               EndKind::Result};
+inline constexpr ExportLines kCheckVMToolStatus{L"CheckVMToolStatus", 2, L"%s() starts", 2, kFinished,
+                                                EndKind::Result};
+inline constexpr ExportLines kInstallVMwareTools{L"InstallVMwareTools", 1, L"%s(%s) starts", 1, kFinished,
+                                                 EndKind::Result};
+inline constexpr ExportLines kInstallIntegrationService{L"InstallIntegrationService", 1, L"%s(%s) starts", 1,
+                                                        kFinished, EndKind::Result};
 }  // namespace kx

@@ -122,3 +122,19 @@ inline const wchar_t* const kVssUsage =
     L"Exit 0 when the set was made, 1 with the service's code when not.";
 
 }  // namespace kxha
+// VMware guest support: guest identifiers, .NET versions, VMware Tools and VDDK (cmd_vmware.cpp).
+namespace kxha {
+int CmdVmware(const Args& args);
+inline const wchar_t* const kVmwareUsage =
+    L"kxha vmware guest-id <major.minor[.build]> [--server] [--x86] [--json]\n"
+    L"       kxha vmware guest-id <Windows folder> [--json]\n"
+    L"       kxha vmware dotnet [<Windows folder>] [--json]\n"
+    L"       kxha vmware tools-status [--json]\n"
+    L"       kxha vmware vddk [--json]\n"
+    L"\n"
+    L"guest-id gives the VMware guest OS identifier of a Windows release (client x64 unless told) or\n"
+    L"of the offline guest whose Windows folder is given (read from its hives); a\n"
+    L"release it does not know gets the fallback identifier and exit 1. dotnet lists the .NET Framework\n"
+    L"versions of the host, or of the offline guest whose Windows folder is given. tools-status shows\n"
+    L"the VMware Tools service's state; vddk the version of the VDDK library found.";
+}  // namespace kxha

@@ -53,6 +53,7 @@ const std::vector<Command>& Commands() {
         {L"disk", L"show a VHD or VHDX disk's geometry and boot sector; repair them for Hyper-V", kDiskUsage, CmdDisk},
         {L"iso", L"build an ISO image (ISO 9660 + Joliet) of a folder", kIsoUsage, CmdIso},
         {L"vss", L"make a shadow-copy set of host volumes, show its devices, remove it", kVssUsage, CmdVss},
+        {L"vmware", L"VMware guest identifiers, .NET versions, VMware Tools state, VDDK version", kVmwareUsage, CmdVmware},
     };
     return commands;
 }

@@ -322,3 +322,13 @@ inline constexpr ExportLines kAdjustVolumeBootCode_HyperV{L"AdjustVolumeBootCode
                                                           kE_INVALIDARG};
 
 }  // namespace kx
+// ---- disks and volumes through the Virtual Disk Service -------------------------
+namespace kx {
+inline constexpr ExportLines kGetOnlineDisks{L"GetOnlineDisks", 2, nullptr, 2, nullptr, EndKind::None};
+inline constexpr ExportLines kGetOnlineVolumes{L"GetOnlineVolumes", 2, nullptr, 2, nullptr, EndKind::None};
+inline constexpr ExportLines kGetOnlineDisksAndVolumes{L"GetOnlineDisksAndVolumes", 2,
+                                                       L"begin GetOnlineDisksAndVolumes", 2,
+                                                       L"finish GetOnlineDisksAndVolumes", EndKind::Plain};
+inline constexpr ExportLines kCheckDiskSignatureConflict{L"CheckDiskSignatureConflict", 2, nullptr, 2, nullptr,
+                                                         EndKind::None};
+}  // namespace kx

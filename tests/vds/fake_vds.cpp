@@ -64,6 +64,15 @@ HRESULT Hand(I* object, void** out) {
     return S_OK;
 }
 
+// Hands out the object as the interface asked for when it offers it (the
+// first one for IUnknown).
+HRESULT Offer(REFIID iid, void** out, std::initializer_list<std::pair<const IID*, IUnknown*>> offered) {
+    for (const auto& [id, object] : offered)
+        if (IsEqualIID(iid, *id) || IsEqualIID(iid, IID_IUnknown)) return Hand(object, out);
+    *out = nullptr;
+    return E_NOINTERFACE;
+}
+
 class FakeEnum final : public IEnumVdsObject {
 public:
     explicit FakeEnum(std::vector<IUnknown*> items) : items_(std::move(items)) {
@@ -73,9 +82,7 @@ public:
         for (IUnknown* i : items_) i->Release();
     }
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override {
-        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, kIidEnumObject)) return Hand(this, out);
-        *out = nullptr;
-        return E_NOINTERFACE;
+        return Offer(iid, out, {{&kIidEnumObject, this}});
     }
     ULONG STDMETHODCALLTYPE AddRef() override {
         ++g_outstanding;
@@ -125,11 +132,8 @@ struct FakeProvider final : public IVdsProvider, public IVdsSwProvider {
         id = NumberedGuid(0xB0000000, index);
     }
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override {
-        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, kIidProvider))
-            return Hand(static_cast<IVdsProvider*>(this), out);
-        if (IsEqualIID(iid, kIidSwProvider)) return Hand(static_cast<IVdsSwProvider*>(this), out);
-        *out = nullptr;
-        return E_NOINTERFACE;
+        return Offer(iid, out, {{&kIidProvider, static_cast<IVdsProvider*>(this)},
+                               {&kIidSwProvider, static_cast<IVdsSwProvider*>(this)}});
     }
     KX_FAKE_IUNKNOWN
     HRESULT STDMETHODCALLTYPE GetProperties(VDS_PROVIDER_PROP* p) override {
@@ -156,9 +160,7 @@ struct FakePack final : public IVdsPack {
         id = NumberedGuid(0xC0000000, index);
     }
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override {
-        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, kIidPack)) return Hand(this, out);
-        *out = nullptr;
-        return E_NOINTERFACE;
+        return Offer(iid, out, {{&kIidPack, this}});
     }
     KX_FAKE_IUNKNOWN
     HRESULT STDMETHODCALLTYPE GetProperties(VDS_PACK_PROP* p) override {
@@ -198,10 +200,8 @@ struct FakeExtent {
 
 struct FakeDisk final : public IVdsDisk, public IVdsDiskOnline {
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override {
-        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, kIidDisk)) return Hand(static_cast<IVdsDisk*>(this), out);
-        if (IsEqualIID(iid, kIidDiskOnline)) return Hand(static_cast<IVdsDiskOnline*>(this), out);
-        *out = nullptr;
-        return E_NOINTERFACE;
+        return Offer(iid, out, {{&kIidDisk, static_cast<IVdsDisk*>(this)},
+                               {&kIidDiskOnline, static_cast<IVdsDiskOnline*>(this)}});
     }
     KX_FAKE_IUNKNOWN
     HRESULT STDMETHODCALLTYPE GetProperties(VDS_DISK_PROP* p) override {
@@ -279,11 +279,8 @@ struct FakeDisk final : public IVdsDisk, public IVdsDiskOnline {
 
 struct FakeVolume final : public IVdsVolume, public IVdsVolumeMF {
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override {
-        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, kIidVolume))
-            return Hand(static_cast<IVdsVolume*>(this), out);
-        if (IsEqualIID(iid, kIidVolumeMF)) return Hand(static_cast<IVdsVolumeMF*>(this), out);
-        *out = nullptr;
-        return E_NOINTERFACE;
+        return Offer(iid, out, {{&kIidVolume, static_cast<IVdsVolume*>(this)},
+                               {&kIidVolumeMF, static_cast<IVdsVolumeMF*>(this)}});
     }
     KX_FAKE_IUNKNOWN
     HRESULT STDMETHODCALLTYPE GetProperties(VDS_VOLUME_PROP* p) override {
@@ -337,11 +334,8 @@ class FakeServiceObject final : public IVdsService, public IVdsServiceSAN {
 public:
     explicit FakeServiceObject(FakeVds* w) : world_(w) {}
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override {
-        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, kIidService))
-            return Hand(static_cast<IVdsService*>(this), out);
-        if (IsEqualIID(iid, kIidServiceSan)) return Hand(static_cast<IVdsServiceSAN*>(this), out);
-        *out = nullptr;
-        return E_NOINTERFACE;
+        return Offer(iid, out, {{&kIidService, static_cast<IVdsService*>(this)},
+                               {&kIidServiceSan, static_cast<IVdsServiceSAN*>(this)}});
     }
     KX_FAKE_IUNKNOWN
     HRESULT STDMETHODCALLTYPE IsServiceReady() override {

@@ -21,3 +21,4 @@
 #include "KestrixHA/iso.h"
 #include "KestrixHA/vss.h"
 #include "KestrixHA/vmware.h"
+#include "KestrixHA/disk_vds.h"

@@ -352,4 +352,13 @@ inline constexpr ExportLines kInstallVMwareTools{L"InstallVMwareTools", 1, L"%s(
                                                  EndKind::Result};
 inline constexpr ExportLines kInstallIntegrationService{L"InstallIntegrationService", 1, L"%s(%s) starts", 1,
                                                         kFinished, EndKind::Result};
+// ---- disks and volumes through the Virtual Disk Service -------------------------
+namespace kx {
+inline constexpr ExportLines kGetOnlineDisks{L"GetOnlineDisks", 2, nullptr, 2, nullptr, EndKind::None};
+inline constexpr ExportLines kGetOnlineVolumes{L"GetOnlineVolumes", 2, nullptr, 2, nullptr, EndKind::None};
+inline constexpr ExportLines kGetOnlineDisksAndVolumes{L"GetOnlineDisksAndVolumes", 2,
+                                                       L"begin GetOnlineDisksAndVolumes", 2,
+                                                       L"finish GetOnlineDisksAndVolumes", EndKind::Plain};
+inline constexpr ExportLines kCheckDiskSignatureConflict{L"CheckDiskSignatureConflict", 2, nullptr, 2, nullptr,
+                                                         EndKind::None};
 }  // namespace kx

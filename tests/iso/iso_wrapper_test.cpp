@@ -15,6 +15,7 @@
 
 #include "iso/file_system_image.h"
 #include "kx_test.h"
+#include "slot_probe.h"
 #include "platform/imapi2/imapi2_fs.h"
 
 namespace {
@@ -23,20 +24,8 @@ using namespace kx::imapi2;
 
 // ---- slots ---------------------------------------------------------------------------------
 
-// An object whose every slot records its own number.
-struct Probe {
-    void** table;
-    int hit;
-};
-template <int N>
-HRESULT STDMETHODCALLTYPE Slot(Probe* self) {
-    self->hit = N;
-    return S_OK;
-}
-template <size_t... I>
-std::array<void*, sizeof...(I)> SlotTable(std::index_sequence<I...>) {
-    return {reinterpret_cast<void*>(&Slot<static_cast<int>(I)>)...};
-}
+using kxtest::Probe;
+using kxtest::SlotTable;
 
 // Method order of the published interface definitions (after IUnknown's
 // three and IDispatch's four slots).

@@ -138,3 +138,15 @@ inline const wchar_t* const kVmwareUsage =
     L"versions of the host, or of the offline guest whose Windows folder is given. tools-status shows\n"
     L"the VMware Tools service's state; vddk the version of the VDDK library found.";
 }  // namespace kxha
+// Disks and volumes through the disk service (cmd_disks.cpp).
+namespace kxha {
+int CmdDisks(const Args& args);
+inline const wchar_t* const kDisksUsage =
+    L"kxha disks [list] [--json]\n"
+    L"       kxha disks check-signature <identity>... [--json]\n"
+    L"\n"
+    L"disks lists the on-line disks (number, size, partition style, signature or GUID) with their\n"
+    L"extents, and the on-line volumes (GUID, letter, flags, dynamic). An identity is an MBR signature\n"
+    L"as ten decimal digits or a GPT disk GUID; check-signature exits 0 when no on-line disk carries\n"
+    L"one of them, 3 when one does or the check could not be made.";
+}  // namespace kxha

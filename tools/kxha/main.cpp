@@ -54,6 +54,7 @@ const std::vector<Command>& Commands() {
         {L"iso", L"build an ISO image (ISO 9660 + Joliet) of a folder", kIsoUsage, CmdIso},
         {L"vss", L"make a shadow-copy set of host volumes, show its devices, remove it", kVssUsage, CmdVss},
         {L"vmware", L"VMware guest identifiers, .NET versions, VMware Tools state, VDDK version", kVmwareUsage, CmdVmware},
+        {L"disks", L"the host's on-line disks and volumes; disk identity conflicts", kDisksUsage, CmdDisks},
     };
     return commands;
 }

@@ -105,11 +105,11 @@ DWORD ReadDiskSignature(const std::wstring& path, DWORD* signature) {
     }
     // A disk reads whole sectors only: one sector of the disk's own size
     // (512 bytes when the disk does not say).
-    DISK_GEOMETRY geometry{};
+    DISK_GEOMETRY_EX geometry{};
     DWORD bytes = kSectorBytes;
-    if (DeviceControl(disk.get(), IOCTL_DISK_GET_DRIVE_GEOMETRY, nullptr, 0, &geometry, sizeof(geometry)) == 0 &&
-        geometry.BytesPerSector > kSectorBytes && geometry.BytesPerSector <= 65536)
-        bytes = geometry.BytesPerSector;
+    if (DeviceControl(disk.get(), IOCTL_DISK_GET_DRIVE_GEOMETRY_EX, nullptr, 0, &geometry, sizeof(geometry)) == 0 &&
+        geometry.Geometry.BytesPerSector > kSectorBytes && geometry.Geometry.BytesPerSector <= 65536)
+        bytes = geometry.Geometry.BytesPerSector;
     std::unique_ptr<BYTE[]> sector(new (std::nothrow) BYTE[bytes]);
     if (!sector) {
         Log(0, L"GetDiskSignature: Failed to allocate buffer. ");

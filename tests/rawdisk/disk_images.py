@@ -1,17 +1,8 @@
 #!/usr/bin/python3
-"""Disk images for the raw disk tests, and the check of the tables the tests
-write into copies of them.
-
-make <dir>:  sparse image files, tables written by sfdisk (MBR with chosen
-             signatures, GPT with chosen disk GUIDs), a raw zeroed disk, and
-             disks of exactly 2 TiB and 2 TiB + 512 bytes. disks.txt lists
-             name|file|size|sector size|value at byte 440 as this script
-             reads it; writes.txt the new tables the Wine test writes:
-             name|source|sector size|style|signature|GUID.
-check <dir> <out>: reads every written copy back, with sfdisk --json and with
-             this script's own GPT reader (CRC-32s, both headers, both entry
-             arrays, the protective MBR), and compares the identity with the
-             one asked for.
+"""Disk images for the raw disk tests (make <dir>: sparse files, tables by
+sfdisk; disks.txt and writes.txt describe them) and the check of the new
+tables the Wine test writes into copies (check <dir> <out>: sfdisk --json and
+--dump, and this script's own reading of the GPT with its CRC-32s).
 """
 import json
 import os

@@ -226,17 +226,6 @@ BOOL ImageDisks::Control(HANDLE device, DWORD code, const void* in, DWORD inSize
             *returned = sizeof(GET_LENGTH_INFORMATION);
             return TRUE;
         }
-        case IOCTL_DISK_GET_DRIVE_GEOMETRY: {
-            if (outSize < sizeof(DISK_GEOMETRY)) return Fail(ERROR_INSUFFICIENT_BUFFER);
-            auto* g = static_cast<DISK_GEOMETRY*>(out);
-            g->MediaType = FixedMedia;
-            g->TracksPerCylinder = 255;
-            g->SectorsPerTrack = 63;
-            g->BytesPerSector = disk.sectorSize;
-            g->Cylinders.QuadPart = static_cast<LONGLONG>(FileSize(device) / (255ull * 63 * disk.sectorSize));
-            *returned = sizeof(DISK_GEOMETRY);
-            return TRUE;
-        }
         case IOCTL_DISK_GET_DRIVE_GEOMETRY_EX: {
             if (outSize < offsetof(DISK_GEOMETRY_EX, Data)) return Fail(ERROR_INSUFFICIENT_BUFFER);
             auto* g = static_cast<DISK_GEOMETRY_EX*>(out);

@@ -3,7 +3,7 @@
 // "\\.\PHYSICALDRIVEn" name; the system volume "\\.\C:" has extents on
 // chosen disks. Opens are real CreateFileW calls on the image files.
 //
-// Answered: IOCTL_DISK_GET_LENGTH_INFO, IOCTL_DISK_GET_DRIVE_GEOMETRY(_EX)
+// Answered: IOCTL_DISK_GET_LENGTH_INFO, IOCTL_DISK_GET_DRIVE_GEOMETRY_EX
 // (the file's size), IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS (ERROR_MORE_DATA
 // with the count when the buffer is short), reads, and IOCTL_DISK_CREATE_DISK
 // plus IOCTL_DISK_SET_DRIVE_LAYOUT_EX for empty tables, written as real MBR

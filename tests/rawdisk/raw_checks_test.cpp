@@ -218,14 +218,6 @@ TEST_F(RawDiskTest, EveryStepOfTheWalkFailing) {
     }
 }
 
-TEST_F(RawDiskTest, NullOutsAreRefused) {
-    ImageDisks& disks = Serve(Disks({"mbr_a"}));
-    EXPECT_EQ(d::CheckIfExistDiskLargerThan2T(nullptr), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_EQ(d::getMaxDiskSize(nullptr), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_EQ(d::GetSystemDiskSignature(nullptr), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_EQ(disks.opens + disks.setsOpened, 0);
-}
-
 // Wine lists no disk interfaces, and its C: volume names no disk extent.
 TEST(RawDiskRealTest, WinesOwnDevicesAndNoHandleLeft) {
     auto calls = [] {

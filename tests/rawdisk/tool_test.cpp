@@ -3,6 +3,8 @@
 // here instead of stdout.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "kx_test.h"
 #include "tools/kxha/commands.h"
 
@@ -16,11 +18,7 @@ int Fail(const std::wstring& what, unsigned long code, const wchar_t*) {
     g_err += L"error: " + what + L" failed, rc = " + std::to_wstring(code) + L"\n";
     return 1;
 }
-bool HasFlag(const Args& args, const wchar_t* flag) {
-    for (const auto& a : args)
-        if (a == flag) return true;
-    return false;
-}
+bool HasFlag(const Args& args, const wchar_t* flag) { return std::find(args.begin(), args.end(), flag) != args.end(); }
 }  // namespace kxha
 
 namespace {

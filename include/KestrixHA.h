@@ -22,3 +22,4 @@
 #include "KestrixHA/vss.h"
 #include "KestrixHA/vmware.h"
 #include "KestrixHA/disk_vds.h"
+#include "KestrixHA/disk_checks.h"

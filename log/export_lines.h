@@ -361,4 +361,18 @@ inline constexpr ExportLines kGetOnlineDisksAndVolumes{L"GetOnlineDisksAndVolume
                                                        L"finish GetOnlineDisksAndVolumes", EndKind::Plain};
 inline constexpr ExportLines kCheckDiskSignatureConflict{L"CheckDiskSignatureConflict", 2, nullptr, 2, nullptr,
                                                          EndKind::None};
+// ---- raw disk checks ------------------------------------------------------------
+namespace kx {
+inline constexpr ExportLines kCheckIfExistDiskLargerThan2T{L"CheckIfExistDiskLargerThan2T", 2, L"begin %s", 2,
+                                                           L"finish %s, rc = %d", EndKind::Result};
+inline constexpr ExportLines kgetMaxDiskSize{L"getMaxDiskSize", 2, L"begin %s", 2, L"finish %s, rc = %d",
+                                             EndKind::Result};
+inline constexpr ExportLines kGetSystemDiskSignature{L"GetSystemDiskSignature", 2, L"begin %s", 2,
+                                                     L"finish %s, rc = %d", EndKind::Result};
+inline constexpr ExportLines kCheckFileCryptCmprsAttr{L"CheckFileCryptCmprsAttr", 2, L"begin %s, file = %s", 2,
+                                                      L"finish %s, rc = %d", EndKind::Result,
+                                                      L"%s() failed due to invalid parameter", kE_INVALIDARG};
+inline constexpr ExportLines kCheckIfFileOnCmprsVol{L"CheckIfFileOnCmprsVol", 2, L"begin %s, file = %s", 2,
+                                                    L"finish %s, rc = %d", EndKind::Result,
+                                                    L"%s() failed due to invalid parameter", kE_INVALIDARG};
 }  // namespace kx

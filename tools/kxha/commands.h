@@ -150,3 +150,17 @@ inline const wchar_t* const kDisksUsage =
     L"as ten decimal digits or a GPT disk GUID; check-signature exits 0 when no on-line disk carries\n"
     L"one of them, 3 when one does or the check could not be made.";
 }  // namespace kxha
+
+// ---- raw disk and file checks (cmd_disks_files.cpp), run from "kxha disks" ----
+namespace kxha {
+// `args`: what follows "file-attrs" / "raw".
+int RunDisksFileAttrs(const Args& args);
+int RunDisksRaw(const Args& args);
+inline const wchar_t* const kDisksFilesUsage =
+    L"kxha disks file-attrs <path> [--json]\n"
+    L"       kxha disks raw [--json]\n"
+    L"\n"
+    L"file-attrs: whether the file is compressed or encrypted, and whether its volume compresses.\n"
+    L"raw: the largest disk's size, whether a disk is over 2 TiB, and the system disk's MBR signature,\n"
+    L"read from the disks directly (exit 1 when one of them could not be read).";
+}  // namespace kxha

@@ -1,0 +1,145 @@
+#include "platform/disk_devices.h"
+
+#include <atomic>
+#include <memory>
+#include <cstddef>
+#include <new>
+
+#include "log/debug_log.h"
+
+namespace kx::platform {
+
+namespace {
+DiskDevices g_real;
+std::atomic<DiskDevices*> g_current{nullptr};
+}  // namespace
+
+HDEVINFO DiskDevices::OpenInterfaceSet(const GUID& cls, DWORD flags) {
+    return ::SetupDiGetClassDevsW(&cls, nullptr, nullptr, flags);
+}
+
+BOOL DiskDevices::EnumInterface(HDEVINFO set, const GUID& cls, DWORD index, SP_DEVICE_INTERFACE_DATA* data) {
+    return ::SetupDiEnumDeviceInterfaces(set, nullptr, &cls, index, data);
+}
+
+BOOL DiskDevices::InterfaceDetail(HDEVINFO set, SP_DEVICE_INTERFACE_DATA* data,
+                                  SP_DEVICE_INTERFACE_DETAIL_DATA_W* detail, DWORD size, DWORD* required) {
+    return ::SetupDiGetDeviceInterfaceDetailW(set, data, detail, size, required, nullptr);
+}
+
+void DiskDevices::CloseInterfaceSet(HDEVINFO set) { ::SetupDiDestroyDeviceInfoList(set); }
+
+HANDLE DiskDevices::Open(const std::wstring& path, DWORD access, DWORD share, DWORD attributes) {
+    return ::CreateFileW(path.c_str(), access, share, nullptr, OPEN_EXISTING, attributes, nullptr);
+}
+
+BOOL DiskDevices::Control(HANDLE device, DWORD code, const void* in, DWORD inSize, void* out, DWORD outSize,
+                          DWORD* returned) {
+    DWORD ignored = 0;
+    return ::DeviceIoControl(device, code, const_cast<void*>(in), inSize, out, outSize, returned ? returned : &ignored,
+                             nullptr);
+}
+
+BOOL DiskDevices::ReadAt(HANDLE device, uint64_t offset, void* buffer, DWORD size, DWORD* read) {
+    LARGE_INTEGER at;
+    at.QuadPart = static_cast<LONGLONG>(offset);
+    if (!::SetFilePointerEx(device, at, nullptr, FILE_BEGIN)) return FALSE;
+    return ::ReadFile(device, buffer, size, read, nullptr);
+}
+
+void DiskDevices::Close(HANDLE device) { ::CloseHandle(device); }
+
+UINT DiskDevices::WindowsDirectory(wchar_t* buffer, UINT size) { return ::GetWindowsDirectoryW(buffer, size); }
+
+DiskDevices& CurrentDiskDevices() noexcept {
+    DiskDevices* d = g_current.load();
+    return d ? *d : g_real;
+}
+
+namespace testing {
+void SetDiskDevices(DiskDevices* devices) noexcept { g_current.store(devices); }
+}  // namespace testing
+
+DWORD GetDiskPath(HDEVINFO set, DWORD index, std::wstring* path) {
+    DiskDevices& devices = CurrentDiskDevices();
+    SP_DEVICE_INTERFACE_DATA data{};
+    data.cbSize = sizeof(data);
+    if (!devices.EnumInterface(set, kDiskInterfaceClass, index, &data)) {
+        const DWORD rc = LastErrorOr();
+        if (rc == ERROR_NO_MORE_ITEMS) {
+            Log(4, L"No more interfaces");
+        } else {
+            Log(0, L"SetupDiEnumDeviceInterfaces failed with error: %d", rc);
+        }
+        return rc;
+    }
+    // The first call only asks for the size, and must fail for want of room.
+    DWORD required = 0;
+    if (const DWORD rc = devices.InterfaceDetail(set, &data, nullptr, 0, &required) ? ERROR_INVALID_DATA : LastErrorOr();
+        rc != ERROR_INSUFFICIENT_BUFFER) {
+        Log(0, L"SetupDiGetDeviceInterfaceDetail failed with error: %d", rc);
+        return rc;
+    }
+    if (required < offsetof(SP_DEVICE_INTERFACE_DETAIL_DATA_W, DevicePath) + sizeof(wchar_t)) {
+        Log(0, L"SetupDiGetDeviceInterfaceDetail failed with error: %d", static_cast<DWORD>(ERROR_INVALID_DATA));
+        return ERROR_INVALID_DATA;
+    }
+    // The buffer is kept in DWORDs so that the record's alignment holds.
+    std::unique_ptr<DWORD[]> buffer(new (std::nothrow) DWORD[required / sizeof(DWORD) + 1]);
+    if (!buffer) {
+        Log(0, L"Unable to allocate memory to get the interface detail data.");
+        return ERROR_NOT_ENOUGH_MEMORY;
+    }
+    auto* detail = reinterpret_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_W*>(buffer.get());
+    detail->cbSize = sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W);
+    if (!devices.InterfaceDetail(set, &data, detail, required, nullptr)) {
+        const DWORD rc = LastErrorOr();
+        Log(0, L"Error in SetupDiGetDeviceInterfaceDetail failed with error: %d", rc);
+        return rc;
+    }
+    // The path ends at its terminator or at the end of what was asked for.
+    const size_t room = (required - offsetof(SP_DEVICE_INTERFACE_DETAIL_DATA_W, DevicePath)) / sizeof(wchar_t);
+    size_t length = 0;
+    while (length < room && detail->DevicePath[length]) ++length;
+    path->assign(detail->DevicePath, length);
+    return 0;
+}
+
+DWORD EnumerateDiskPaths(std::vector<std::wstring>* paths) {
+    unique_interface_set set(
+        CurrentDiskDevices().OpenInterfaceSet(kDiskInterfaceClass, DIGCF_PRESENT | DIGCF_DEVICEINTERFACE));
+    if (!set) {
+        const DWORD rc = LastErrorOr();
+        Log(0, L"SetupDiGetClassDevs failed with error: %d", rc);
+        return rc;
+    }
+    for (DWORD index = 0;; ++index) {
+        std::wstring path;
+        const DWORD rc = GetDiskPath(set.get(), index, &path);
+        if (rc == ERROR_NO_MORE_ITEMS) {
+            Log(2, L"No More disks, cnt = %d", static_cast<int>(index));
+            return rc;
+        }
+        if (rc) {
+            Log(0, L"GetDiskPaths failed, index = %d, rc = 0x%X", static_cast<int>(index), rc);
+            return rc;
+        }
+        paths->push_back(std::move(path));
+    }
+}
+
+unique_device OpenDevice(const std::wstring& path, DWORD access, DWORD share, DWORD attributes) {
+    return unique_device(CurrentDiskDevices().Open(path, access, share, attributes));
+}
+
+DWORD DeviceControl(HANDLE device, DWORD code, const void* in, DWORD inSize, void* out, DWORD outSize,
+                    DWORD* returned) {
+    DWORD got = 0;
+    if (CurrentDiskDevices().Control(device, code, in, inSize, out, outSize, &got)) {
+        if (returned) *returned = got;
+        return 0;
+    }
+    return LastErrorOr();
+}
+
+}  // namespace kx::platform

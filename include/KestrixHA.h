@@ -19,3 +19,4 @@
 #include "KestrixHA/host.h"
 #include "KestrixHA/hyperv_disk.h"
 #include "KestrixHA/iso.h"
+#include "KestrixHA/iscsi.h"

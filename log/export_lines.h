@@ -322,3 +322,12 @@ inline constexpr ExportLines kAdjustVolumeBootCode_HyperV{L"AdjustVolumeBootCode
                                                           kE_INVALIDARG};
 
 }  // namespace kx
+// ---- iSCSI ----------------------------------------------------------------------------
+namespace kx {
+inline constexpr ExportLines kGetIqnNumber{L"GetIqnNumber", 1, L"%s() starts", 1, kFinished, EndKind::Result};
+inline constexpr ExportLines kDiscoverTarget{L"DiscoverTarget", 1, L"%s(%s) starts", 1, kFinished, EndKind::Result};
+inline constexpr ExportLines kAttachIscsiTarget{L"AttachIscsiTarget", 1, L"%s(%s, %s) starts", 1, kFinished,
+                                                EndKind::Result};
+inline constexpr ExportLines kLogoutIscsiSession{L"LogoutIscsiSession", 1, L"%s(%s) starts", 1, kFinished,
+                                                 EndKind::Result};
+}  // namespace kx

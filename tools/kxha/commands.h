@@ -113,3 +113,16 @@ inline const wchar_t* const kIsoUsage =
     L"growth on a terminal (always with --progress).";
 
 }  // namespace kxha
+// iSCSI: the initiator's name, discovery, attach and logout (cmd_iscsi.cpp).
+namespace kxha {
+int CmdIscsi(const Args& args);
+inline const wchar_t* const kIscsiUsage =
+    L"kxha iscsi iqn [--json]\n"
+    L"       kxha iscsi discover <portal address[:port]> [--json]\n"
+    L"       kxha iscsi attach <target name> [--portal <address[:port]>] [--json]\n"
+    L"       kxha iscsi logout <session id | target name> [--json]\n"
+    L"\n"
+    L"discover lists every target the initiator knows after asking the portal, with whether it is\n"
+    L"a Nutanix target and whether it is reached through that portal. logout of a session or target\n"
+    L"that has none left is not an error.";
+}  // namespace kxha

@@ -52,6 +52,7 @@ const std::vector<Command>& Commands() {
         {L"host", L"the host's network adapters, facts and name resolution; adapter changes", kHostUsage, CmdHost},
         {L"disk", L"show a VHD or VHDX disk's geometry and boot sector; repair them for Hyper-V", kDiskUsage, CmdDisk},
         {L"iso", L"build an ISO image (ISO 9660 + Joliet) of a folder", kIsoUsage, CmdIso},
+        {L"iscsi", L"the initiator's IQN, target discovery, attach and logout", kIscsiUsage, CmdIscsi},
     };
     return commands;
 }

@@ -139,6 +139,30 @@ std::vector<std::wstring> SplitMultiString(const std::vector<WCHAR>& chars) {
     return out;
 }
 
+// Calls `call(&count, data)` with a buffer of `buffer->size()` elements,
+// growing it while the service answers ERROR_INSUFFICIENT_BUFFER with the
+// count it needs; on success the buffer holds what the service filled in.
+template <class T, class Call>
+DWORD GrowingCall(std::vector<T>* buffer, Call call) {
+    for (;;) {
+        ULONG count = static_cast<ULONG>(buffer->size());
+        const DWORD rc = call(&count, buffer->data());
+        if (rc == ERROR_INSUFFICIENT_BUFFER && count > buffer->size()) {
+            buffer->resize(count);
+            continue;
+        }
+        if (rc == ERROR_SUCCESS && count < buffer->size()) buffer->resize(count);
+        return rc;
+    }
+}
+
+template <class Info>
+std::vector<IscsiPortal> PortalsOf(const std::vector<Info>& info) {
+    std::vector<IscsiPortal> portals;
+    for (const auto& i : info) portals.push_back({FromChars(i.address), i.socket});
+    return portals;
+}
+
 class SystemInitiator final : public IscsiInitiator {
 public:
     DWORD NodeName(std::wstring* name) override {
@@ -154,19 +178,9 @@ public:
         ReportSendTargetPortalsFn fn;
         if (DWORD rc = Library::Get().Find("ReportIScsiSendTargetPortalsW", &fn)) return rc;
         std::vector<TargetPortalInfoW> info(4);
-        for (;;) {
-            ULONG count = static_cast<ULONG>(info.size());
-            const DWORD rc = fn(&count, info.data());
-            if (rc == ERROR_INSUFFICIENT_BUFFER && count > info.size()) {
-                info.resize(count);
-                continue;
-            }
-            if (rc) return rc;
-            portals->clear();
-            for (ULONG i = 0; i < count && i < info.size(); ++i)
-                portals->push_back({FromChars(info[i].address), info[i].socket});
-            return ERROR_SUCCESS;
-        }
+        if (DWORD rc = GrowingCall(&info, fn)) return rc;
+        *portals = PortalsOf(info);
+        return ERROR_SUCCESS;
     }
 
     DWORD AddSendTargetPortal(const IscsiPortal& portal) override {
@@ -188,18 +202,9 @@ public:
         ReportTargetsFn fn;
         if (DWORD rc = Library::Get().Find("ReportIScsiTargetsW", &fn)) return rc;
         std::vector<WCHAR> chars(4096);
-        for (;;) {
-            ULONG size = static_cast<ULONG>(chars.size());
-            const DWORD rc = fn(TRUE, &size, chars.data());
-            if (rc == ERROR_INSUFFICIENT_BUFFER && size > chars.size()) {
-                chars.resize(size);
-                continue;
-            }
-            if (rc) return rc;
-            chars.resize(size < chars.size() ? size : chars.size());
-            *targets = SplitMultiString(chars);
-            return ERROR_SUCCESS;
-        }
+        if (DWORD rc = GrowingCall(&chars, [&](ULONG* size, WCHAR* data) { return fn(TRUE, size, data); })) return rc;
+        *targets = SplitMultiString(chars);
+        return ERROR_SUCCESS;
     }
 
     DWORD TargetPortals(const std::wstring& target, std::vector<IscsiPortal>* portals) override {
@@ -207,20 +212,12 @@ public:
         if (DWORD rc = Library::Get().Find("ReportIScsiTargetPortalsW", &fn)) return rc;
         std::wstring name = target;
         std::vector<TargetPortalW> found(4);
-        for (;;) {
-            ULONG count = static_cast<ULONG>(found.size());
-            USHORT tag = 0;
-            const DWORD rc = fn(nullptr, name.data(), &tag, &count, found.data());
-            if (rc == ERROR_INSUFFICIENT_BUFFER && count > found.size()) {
-                found.resize(count);
-                continue;
-            }
-            if (rc) return rc;
-            portals->clear();
-            for (ULONG i = 0; i < count && i < found.size(); ++i)
-                portals->push_back({FromChars(found[i].address), found[i].socket});
-            return ERROR_SUCCESS;
-        }
+        USHORT tag = 0;
+        if (DWORD rc = GrowingCall(
+                &found, [&](ULONG* count, TargetPortalW* data) { return fn(nullptr, name.data(), &tag, count, data); }))
+            return rc;
+        *portals = PortalsOf(found);
+        return ERROR_SUCCESS;
     }
 
     DWORD Login(const std::wstring& target, const IscsiPortal* portal, IscsiSessionId* session) override {
@@ -269,22 +266,13 @@ public:
         if (DWORD rc = Library::Get().Find("GetDevicesForIScsiSessionW", &fn)) return rc;
         UniqueSessionId id{session.adapterUnique, session.adapterSpecific};
         std::vector<DeviceOnSessionW> devices(4);
-        for (;;) {
-            ULONG count = static_cast<ULONG>(devices.size());
-            const DWORD rc = fn(&id, &count, devices.data());
-            if (rc == ERROR_INSUFFICIENT_BUFFER && count > devices.size()) {
-                devices.resize(count);
-                continue;
-            }
-            if (rc) return rc;
-            disks->clear();
-            for (ULONG i = 0; i < count && i < devices.size(); ++i) {
-                if (devices[i].storageDeviceNumber.DeviceType != FILE_DEVICE_DISK) continue;
-                disks->push_back(L"\\\\.\\PhysicalDrive" +
-                                 std::to_wstring(devices[i].storageDeviceNumber.DeviceNumber));
-            }
-            return ERROR_SUCCESS;
-        }
+        if (DWORD rc = GrowingCall(&devices, [&](ULONG* count, DeviceOnSessionW* data) { return fn(&id, count, data); }))
+            return rc;
+        disks->clear();
+        for (const auto& d : devices)
+            if (d.storageDeviceNumber.DeviceType == FILE_DEVICE_DISK)
+                disks->push_back(L"\\\\.\\PhysicalDrive" + std::to_wstring(d.storageDeviceNumber.DeviceNumber));
+        return ERROR_SUCCESS;
     }
 
     DWORD Logout(const IscsiSessionId& session) override {

@@ -38,7 +38,7 @@ TEST(KxhaIscsi, RefusalsAndAHostWithoutInitiator) {
         {L"iscsi logout some-target", 1, "neither a session id nor an iSCSI name", false},
         {L"iscsi", 2, "usage: kxha iscsi iqn", false},
         {L"iscsi discover", 2, "usage: kxha iscsi iqn", false},
-        {L"iscsi iqn", 1, "GetIqnNumber failed, rc = 126", true},
+        {L"iscsi iqn", 1, "GetIqnNumber failed, rc = 126 (0x0000007E): this host has no iSCSI initiator", true},
         {L"iscsi iqn --json", 1, "GetIqnNumber failed, rc = 126", true},
         {L"iscsi logout iqn.2010-06.com.nutanix:vg-1-tgt0", 1, "LogoutIscsiSession failed, rc = 126", true},
     };

@@ -10,12 +10,19 @@ namespace kxha {
 
 namespace {
 
+// What a failure means where the system's text says too little.
+const wchar_t* Meaning(DWORD rc, const wchar_t* invalid) {
+    if (rc == ERROR_INVALID_PARAMETER) return invalid;
+    if (rc == ERROR_MOD_NOT_FOUND) return L"this host has no iSCSI initiator (iscsidsc.dll)";
+    return nullptr;
+}
+
 int Iqn(bool json) {
     DWORD chars = 0;
     DWORD rc = GetIqnNumber(nullptr, &chars);
     std::wstring name(chars ? chars : 1, L'\0');
     if (rc == ERROR_INSUFFICIENT_BUFFER) rc = GetIqnNumber(name.data(), &chars);
-    if (rc != ERROR_SUCCESS && rc != ERROR_INVALID_DATA) return Fail(L"GetIqnNumber", rc);
+    if (rc != ERROR_SUCCESS && rc != ERROR_INVALID_DATA) return Fail(L"GetIqnNumber", rc, Meaning(rc, nullptr));
     name.resize(rc == ERROR_SUCCESS || chars < name.size() ? chars : 0);
     if (rc == ERROR_INVALID_DATA)
         return Fail(L"GetIqnNumber", rc, (L"the initiator's node name is not valid: \"" + name + L"\"").c_str());
@@ -30,7 +37,7 @@ std::wstring Pad(const std::wstring& s, size_t width) {
 int Discover(const std::wstring& portal, bool json) {
     std::vector<IscsiTargetInfo> targets;
     if (DWORD rc = DiscoverTarget(portal.c_str(), &targets))
-        return Fail(L"DiscoverTarget", rc, rc == ERROR_INVALID_PARAMETER ? L"not a portal address" : nullptr);
+        return Fail(L"DiscoverTarget", rc, Meaning(rc, L"not a portal address"));
     std::wstring o;
     if (json) {
         o = L"[";
@@ -57,9 +64,8 @@ int Attach(const std::wstring& target, const std::wstring& portal, bool json) {
     IscsiAttachInfo info;
     if (DWORD rc = AttachIscsiTarget(target.c_str(), portal.empty() ? nullptr : portal.c_str(), &info))
         return Fail(L"AttachIscsiTarget", rc,
-                    rc == ERROR_INVALID_PARAMETER ? L"not an iSCSI name or portal address"
-                    : rc == ERROR_NOT_FOUND       ? L"the target is no longer reported"
-                                                  : nullptr);
+                    rc == ERROR_NOT_FOUND ? L"the target is no longer reported"
+                                          : Meaning(rc, L"not an iSCSI name or portal address"));
     if (json)
         Out(L"{\"session\": " + JsonString(info.sessionId) + L", \"disks\": " + JsonList(info.disks) +
             L", \"logins\": " + Num(info.tries) + L"}\n");
@@ -74,8 +80,7 @@ int Attach(const std::wstring& target, const std::wstring& portal, bool json) {
 int Logout(const std::wstring& what, bool json) {
     DWORD count = 0;
     if (DWORD rc = LogoutIscsiSession(what.c_str(), &count))
-        return Fail(L"LogoutIscsiSession", rc,
-                    rc == ERROR_INVALID_PARAMETER ? L"neither a session id nor an iSCSI name" : nullptr);
+        return Fail(L"LogoutIscsiSession", rc, Meaning(rc, L"neither a session id nor an iSCSI name"));
     Out(json ? L"{\"loggedOut\": " + Num(count) + L"}\n"
              : (count ? Num(count) + L" session(s) logged out\n" : L"no session to log out\n"));
     return 0;

@@ -23,3 +23,4 @@
 #include "KestrixHA/vmware.h"
 #include "KestrixHA/disk_vds.h"
 #include "KestrixHA/disk_checks.h"
+#include "KestrixHA/iscsi.h"

@@ -375,4 +375,12 @@ inline constexpr ExportLines kCheckFileCryptCmprsAttr{L"CheckFileCryptCmprsAttr"
 inline constexpr ExportLines kCheckIfFileOnCmprsVol{L"CheckIfFileOnCmprsVol", 2, L"begin %s, file = %s", 2,
                                                     L"finish %s, rc = %d", EndKind::Result,
                                                     L"%s() failed due to invalid parameter", kE_INVALIDARG};
+// ---- iSCSI ----------------------------------------------------------------------------
+namespace kx {
+inline constexpr ExportLines kGetIqnNumber{L"GetIqnNumber", 1, L"%s() starts", 1, kFinished, EndKind::Result};
+inline constexpr ExportLines kDiscoverTarget{L"DiscoverTarget", 1, L"%s(%s) starts", 1, kFinished, EndKind::Result};
+inline constexpr ExportLines kAttachIscsiTarget{L"AttachIscsiTarget", 1, L"%s(%s, %s) starts", 1, kFinished,
+                                                EndKind::Result};
+inline constexpr ExportLines kLogoutIscsiSession{L"LogoutIscsiSession", 1, L"%s(%s) starts", 1, kFinished,
+                                                 EndKind::Result};
 }  // namespace kx

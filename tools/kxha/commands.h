@@ -164,3 +164,16 @@ inline const wchar_t* const kDisksFilesUsage =
     L"raw: the largest disk's size, whether a disk is over 2 TiB, and the system disk's MBR signature,\n"
     L"read from the disks directly (exit 1 when one of them could not be read).";
 }  // namespace kxha
+// iSCSI: the initiator's name, discovery, attach and logout (cmd_iscsi.cpp).
+namespace kxha {
+int CmdIscsi(const Args& args);
+inline const wchar_t* const kIscsiUsage =
+    L"kxha iscsi iqn [--json]\n"
+    L"       kxha iscsi discover <portal address[:port]> [--json]\n"
+    L"       kxha iscsi attach <target name> [--portal <address[:port]>] [--json]\n"
+    L"       kxha iscsi logout <session id | target name> [--json]\n"
+    L"\n"
+    L"discover lists every target the initiator knows after asking the portal, with whether it is\n"
+    L"a Nutanix target and whether it is reached through that portal. logout of a session or target\n"
+    L"that has none left is not an error.";
+}  // namespace kxha

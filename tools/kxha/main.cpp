@@ -55,6 +55,7 @@ const std::vector<Command>& Commands() {
         {L"vss", L"make a shadow-copy set of host volumes, show its devices, remove it", kVssUsage, CmdVss},
         {L"vmware", L"VMware guest identifiers, .NET versions, VMware Tools state, VDDK version", kVmwareUsage, CmdVmware},
         {L"disks", L"the host's on-line disks and volumes; disk identity conflicts", kDisksUsage, CmdDisks},
+        {L"iscsi", L"the initiator's IQN, target discovery, attach and logout", kIscsiUsage, CmdIscsi},
     };
     return commands;
 }

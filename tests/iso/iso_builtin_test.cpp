@@ -49,8 +49,8 @@ public:
     ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
     ULONG STDMETHODCALLTYPE Release() override { return 1; }
     HRESULT STDMETHODCALLTYPE Write(const void* data, ULONG bytes, ULONG* written) override {
-        static const std::string zeros(1 << 20, '\0');
-        const bool zero = bytes <= zeros.size() && std::memcmp(data, zeros.data(), bytes) == 0;
+        const auto* p = static_cast<const char*>(data);
+        const bool zero = bytes && p[0] == 0 && std::memcmp(p, p + 1, bytes - 1) == 0;
         if (!zero) {
             LARGE_INTEGER to;
             to.QuadPart = static_cast<LONGLONG>(pos_);
@@ -58,7 +58,7 @@ public:
             if (!::SetFilePointerEx(file_, to, nullptr, FILE_BEGIN) || !::WriteFile(file_, data, bytes, &put, nullptr))
                 return HRESULT_FROM_WIN32(::GetLastError());
         } else {
-            ++holes_;
+            holes_ += bytes;
         }
         pos_ += bytes;
         if (written) *written = bytes;
@@ -148,7 +148,7 @@ TEST(IsoBuiltin, AFiveGiBSparseFileStreamsAsTwoSections) {
         EXPECT_EQ(read.QuadPart, st.cbSize.QuadPart);
         EXPECT_EQ(written.QuadPart, st.cbSize.QuadPart);
         EXPECT_EQ(sink.Finish(), S_OK);
-        EXPECT_GT(sink.holes(), 5000u);
+        EXPECT_GT(sink.holes(), kHuge - (16u << 20));
 
         // A clone reads the same bytes from where the original stood.
         LARGE_INTEGER at;

@@ -11,6 +11,9 @@
 //   iso_bench <work> --micro         what single file-system calls cost here,
 //                                    per file over the 10,000 small files and
 //                                    per chunk size over a large file
+//   iso_bench <work> --write <MiB> <KiB>   WriteFile of <MiB> into a new
+//                                    file in <KiB> chunks: what writing the
+//                                    image alone costs at the moment
 #include <windows.h>
 
 #include <psapi.h>
@@ -29,6 +32,7 @@
 #include "common/unique_resource.h"
 #include "iso/builtin_image.h"
 #include "iso/file_system_image.h"
+#include "tests/iso/sink_stream.h"
 
 namespace {
 
@@ -99,6 +103,17 @@ double Seconds(const std::function<void()>& f) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
 }
 
+// WriteFile of `bytes` into a new file in `chunk` pieces.
+double WriteSeconds(const std::wstring& path, unsigned long long bytes, DWORD chunk) {
+    std::vector<char> buf(chunk, 'x');
+    return Seconds([&] {
+        kx::unique_hfile f(
+            ::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+        DWORD put = 0;
+        for (unsigned long long done = 0; done < bytes; done += chunk) ::WriteFile(f.get(), buf.data(), chunk, &put, nullptr);
+    });
+}
+
 int Once(const std::wstring& work, const std::wstring& tree) {
     const std::wstring image = work + L"\\iso-bench.iso";
     DWORD rc = 0;
@@ -114,30 +129,12 @@ int Once(const std::wstring& work, const std::wstring& tree) {
 }
 
 // A stream that takes everything and keeps nothing.
-class NullSink final : public IStream {
+class NullSink final : public kxtest::SinkStream {
 public:
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void** out) override {
-        *out = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
-    ULONG STDMETHODCALLTYPE Release() override { return 1; }
     HRESULT STDMETHODCALLTYPE Write(const void*, ULONG bytes, ULONG* written) override {
         if (written) *written = bytes;
         return S_OK;
     }
-    HRESULT STDMETHODCALLTYPE Read(void*, ULONG, ULONG*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE Seek(LARGE_INTEGER, DWORD, ULARGE_INTEGER*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE SetSize(ULARGE_INTEGER) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override {
-        return E_NOTIMPL;
-    }
-    HRESULT STDMETHODCALLTYPE Commit(DWORD) override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE Revert() override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE Stat(STATSTG*, DWORD) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE Clone(IStream**) override { return E_NOTIMPL; }
 };
 
 int Phases(const std::wstring& work, const std::wstring& tree) {
@@ -211,13 +208,15 @@ int Micro(const std::wstring& work, const std::wstring& tree) {
     };
     perFile("GetFileAttributesW", [](const std::wstring& p) { ::GetFileAttributesW(p.c_str()); });
     perFile("CreateFileW + CloseHandle", [&](const std::wstring& p) { open(p); });
-    perFile("CreateFileW + GetFileSizeEx + GetFileTime + CloseHandle", [&](const std::wstring& p) {
+    auto openSizeTime = [&](const std::wstring& p) {
         auto f = open(p);
         LARGE_INTEGER size;
         FILETIME t;
         ::GetFileSizeEx(f.get(), &size);
         ::GetFileTime(f.get(), nullptr, nullptr, &t);
-    });
+        return f;
+    };
+    perFile("CreateFileW + GetFileSizeEx + GetFileTime + CloseHandle", [&](const std::wstring& p) { openSizeTime(p); });
     for (unsigned threads : {2u, 4u, 8u}) {
         std::atomic<size_t> next{0};
         const double s = Seconds([&] {
@@ -233,11 +232,7 @@ int Micro(const std::wstring& work, const std::wstring& tree) {
     }
     std::vector<char> buf(4 << 20);
     perFile("CreateFileW + size + time + ReadFile (whole) + CloseHandle", [&](const std::wstring& p) {
-        auto f = open(p);
-        LARGE_INTEGER size;
-        FILETIME t;
-        ::GetFileSizeEx(f.get(), &size);
-        ::GetFileTime(f.get(), nullptr, nullptr, &t);
+        auto f = openSizeTime(p);
         DWORD got = 0;
         ::ReadFile(f.get(), buf.data(), 65536, &got, nullptr);
     });
@@ -252,13 +247,7 @@ int Micro(const std::wstring& work, const std::wstring& tree) {
         });
         std::printf("micro: ReadFile of a %llu MiB file in %4lu KiB chunks: %7.0f MB/s\n", kLargeBytes >> 20,
                     chunk >> 10, kLargeBytes / 1e6 / s);
-        s = Seconds([&] {
-            kx::unique_hfile f(::CreateFileW(scratch.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                             FILE_ATTRIBUTE_NORMAL, nullptr));
-            DWORD put = 0;
-            for (unsigned long long done = 0; done < kLargeBytes; done += chunk)
-                ::WriteFile(f.get(), buf.data(), chunk, &put, nullptr);
-        });
+        s = WriteSeconds(scratch, kLargeBytes, chunk);
         std::printf("micro: WriteFile of %llu MiB in %4lu KiB chunks: %7.0f MB/s\n", kLargeBytes >> 20, chunk >> 10,
                     kLargeBytes / 1e6 / s);
         s = Seconds([&] {
@@ -280,7 +269,7 @@ int Micro(const std::wstring& work, const std::wstring& tree) {
 
 int wmain(int argc, wchar_t** argv) {
     if (argc < 3) {
-        std::fprintf(stderr, "usage: iso_bench <work> --tree | --once <tree> | --phases | --micro\n");
+        std::fprintf(stderr, "usage: iso_bench <work> --tree | --once <tree> | --phases | --micro | --write <MiB> <KiB>\n");
         return 2;
     }
     const std::wstring work = argv[1];
@@ -301,15 +290,7 @@ int wmain(int argc, wchar_t** argv) {
     else if (mode == L"--write" && argc > 4) {
         const unsigned long long mib = std::wcstoull(argv[3], nullptr, 10);
         const DWORD chunk = static_cast<DWORD>(std::wcstoul(argv[4], nullptr, 10)) << 10;
-        std::vector<char> buf(chunk, 'x');
-        const std::wstring scratch = work + L"\\iso-write.bin";
-        const double s = Seconds([&] {
-            kx::unique_hfile f(::CreateFileW(scratch.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                             FILE_ATTRIBUTE_NORMAL, nullptr));
-            DWORD put = 0;
-            for (unsigned long long done = 0; done < (mib << 20); done += chunk)
-                ::WriteFile(f.get(), buf.data(), chunk, &put, nullptr);
-        });
+        const double s = WriteSeconds(work + L"\\iso-write.bin", mib << 20, chunk);
         std::printf("write %llu MiB in %lu KiB chunks: %.3f s\n", mib, chunk >> 10, s);
     } else if (mode != L"--tree")
         rc = 2;

@@ -74,7 +74,8 @@ regf_bench() {
 # the page cache, and the order of the three turns each round; each tool's
 # median is printed with its runs. Then the writer's peak working set on a
 # tree with four times the data (the large files hard-linked four times),
-# its phases and what single file-system calls cost under this system.
+# its phases, what single file-system calls cost under Wine, and what
+# writing 2 GiB alone costs (Wine and dd).
 median() { printf '%s\n' "$@" | sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
 
 iso_bench() {
@@ -118,6 +119,14 @@ iso_bench() {
     "$(sed -n 's/.*seconds=\([0-9.]*\).*/\1/p' <<<"$out")" "$(sed -n 's/.*peak_mib=\([0-9]*\).*/\1/p' <<<"$out")"
   iso_wine --phases
   iso_wine --micro
+  # Writing 2 GiB alone, under Wine and natively, one after the other: the
+  # disk's share of every figure above at this moment.
+  iso_wine --write 2048 1024
+  rm -f "$work/iso-write.bin"
+  start=$(date +%s%N)
+  dd if=/dev/zero of="$work/iso-write.bin" bs=1M count=2048 status=none
+  awk -v a="$start" -v b="$(date +%s%N)" 'BEGIN { printf "reference: dd of 2048 MiB in 1024 KiB chunks: %.3f s\n", (b - a) / 1e9 }'
+  rm -f "$work/iso-write.bin"
 }
 
 status=0

@@ -15,6 +15,7 @@
 #include "iso/builtin_image.h"
 #include "iso/file_ahead.h"
 #include "kx_test.h"
+#include "sink_stream.h"
 
 namespace {
 
@@ -145,15 +146,9 @@ std::wstring Out() {
 }
 
 // Keeps what is written; fails with `fail` once `limit` bytes are in.
-class MemorySink final : public IStream {
+class MemorySink final : public kxtest::SinkStream {
 public:
     MemorySink(uint64_t limit = ~0ull, HRESULT fail = S_OK) : limit_(limit), fail_(fail) {}
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void** out) override {
-        *out = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
-    ULONG STDMETHODCALLTYPE Release() override { return 1; }
     HRESULT STDMETHODCALLTYPE Write(const void* data, ULONG bytes, ULONG* written) override {
         if (bytes_.size() + bytes > limit_) return fail_;
         bytes_.append(static_cast<const char*>(data), bytes);
@@ -161,18 +156,6 @@ public:
         return S_OK;
     }
     const std::string& bytes() const { return bytes_; }
-    HRESULT STDMETHODCALLTYPE Read(void*, ULONG, ULONG*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE Seek(LARGE_INTEGER, DWORD, ULARGE_INTEGER*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE SetSize(ULARGE_INTEGER) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override {
-        return E_NOTIMPL;
-    }
-    HRESULT STDMETHODCALLTYPE Commit(DWORD) override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE Revert() override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE Stat(STATSTG*, DWORD) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE Clone(IStream**) override { return E_NOTIMPL; }
 
 private:
     uint64_t limit_;

@@ -9,7 +9,9 @@
 //   only while the image stream is read. A file that has changed size or
 //   time since, or can no longer be opened, fails that read with
 //   0xC0AAB128 (data stream inconsistency) or the system's error, and the
-//   debug log names it.
+//   debug log names it. The files of a tree are opened a few at a time
+//   ahead of the reader (iso/file_ahead.h), and CopyTo reads the image on a
+//   helper thread while it writes on the calling thread.
 // - CreateResultImage takes a snapshot: later additions do not change a
 //   result already made. Each get_ImageStream gives a stream of its own
 //   position over the same snapshot.

@@ -96,6 +96,8 @@ def same_tree(iso, folder, prefix, volume=None):
 
 same_tree(f"{out}/tree.iso", f"{out}/tree", "/tree", "KX_TOOLS")
 same_tree(f"{out}/onecall.iso", f"{out}/tree", "/tree", "ONE_CALL")
+# Read ahead on worker threads and copied through the helper thread.
+same_tree(f"{out}/ahead.iso", f"{out}/ahead", "/ahead")
 # isoinfo knows 8-bit character sets only: what Latin-1 cannot show comes out as '_'.
 jl = subprocess.run(["isoinfo", "-l", "-J", "-j", "iso8859-1", "-i", f"{out}/tree.iso"],
                     capture_output=True).stdout.decode("latin-1")

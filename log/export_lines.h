@@ -352,6 +352,7 @@ inline constexpr ExportLines kInstallVMwareTools{L"InstallVMwareTools", 1, L"%s(
                                                  EndKind::Result};
 inline constexpr ExportLines kInstallIntegrationService{L"InstallIntegrationService", 1, L"%s(%s) starts", 1,
                                                         kFinished, EndKind::Result};
+}  // namespace kx
 // ---- disks and volumes through the Virtual Disk Service -------------------------
 namespace kx {
 inline constexpr ExportLines kGetOnlineDisks{L"GetOnlineDisks", 2, nullptr, 2, nullptr, EndKind::None};
@@ -361,6 +362,7 @@ inline constexpr ExportLines kGetOnlineDisksAndVolumes{L"GetOnlineDisksAndVolume
                                                        L"finish GetOnlineDisksAndVolumes", EndKind::Plain};
 inline constexpr ExportLines kCheckDiskSignatureConflict{L"CheckDiskSignatureConflict", 2, nullptr, 2, nullptr,
                                                          EndKind::None};
+}  // namespace kx
 // ---- raw disk checks ------------------------------------------------------------
 namespace kx {
 inline constexpr ExportLines kCheckIfExistDiskLargerThan2T{L"CheckIfExistDiskLargerThan2T", 2, L"begin %s", 2,
@@ -375,6 +377,7 @@ inline constexpr ExportLines kCheckFileCryptCmprsAttr{L"CheckFileCryptCmprsAttr"
 inline constexpr ExportLines kCheckIfFileOnCmprsVol{L"CheckIfFileOnCmprsVol", 2, L"begin %s, file = %s", 2,
                                                     L"finish %s, rc = %d", EndKind::Result,
                                                     L"%s() failed due to invalid parameter", kE_INVALIDARG};
+}  // namespace kx
 // ---- iSCSI ----------------------------------------------------------------------------
 namespace kx {
 inline constexpr ExportLines kGetIqnNumber{L"GetIqnNumber", 1, L"%s() starts", 1, kFinished, EndKind::Result};

@@ -47,6 +47,8 @@ struct Subcommand {
 const Subcommand kSubcommands[] = {
     {L"list", List},
     {L"check-signature", CheckSignature},
+    {L"file-attrs", [](const Args& args) { return RunDisksFileAttrs(Args(args.begin() + 1, args.end())); }},
+    {L"raw", [](const Args& args) { return RunDisksRaw(Args(args.begin() + 1, args.end())); }},
 };
 
 }  // namespace

@@ -26,7 +26,7 @@ std::wstring Hex32(DWORD v) {
 int RunDisksFileAttrs(const Args& args) {
     const auto pos = Positionals(args, {});
     if (pos.size() != 1) {
-        Err(std::wstring(L"usage: ") + kDisksFilesUsage + L"\n");
+        Err(std::wstring(L"usage: ") + kDisksUsage + L"\n");
         return 2;
     }
     const std::wstring& path = pos[0];
@@ -46,7 +46,7 @@ int RunDisksFileAttrs(const Args& args) {
 
 int RunDisksRaw(const Args& args) {
     if (!Positionals(args, {}).empty()) {
-        Err(std::wstring(L"usage: ") + kDisksFilesUsage + L"\n");
+        Err(std::wstring(L"usage: ") + kDisksUsage + L"\n");
         return 2;
     }
     int64_t largest = 0;

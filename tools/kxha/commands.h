@@ -144,25 +144,23 @@ int CmdDisks(const Args& args);
 inline const wchar_t* const kDisksUsage =
     L"kxha disks [list] [--json]\n"
     L"       kxha disks check-signature <identity>... [--json]\n"
+    L"       kxha disks file-attrs <path> [--json]\n"
+    L"       kxha disks raw [--json]\n"
     L"\n"
     L"disks lists the on-line disks (number, size, partition style, signature or GUID) with their\n"
     L"extents, and the on-line volumes (GUID, letter, flags, dynamic). An identity is an MBR signature\n"
     L"as ten decimal digits or a GPT disk GUID; check-signature exits 0 when no on-line disk carries\n"
-    L"one of them, 3 when one does or the check could not be made.";
+    L"one of them, 3 when one does or the check could not be made. file-attrs: whether the file is\n"
+    L"compressed or encrypted, and whether its volume compresses. raw: the largest disk's size, whether\n"
+    L"a disk is over 2 TiB, and the system disk's MBR signature, read from the disks directly (exit 1\n"
+    L"when one of them could not be read).";
 }  // namespace kxha
 
-// ---- raw disk and file checks (cmd_disks_files.cpp), run from "kxha disks" ----
+// Raw disk and file checks (cmd_disks_files.cpp), sub-commands of "kxha disks".
 namespace kxha {
 // `args`: what follows "file-attrs" / "raw".
 int RunDisksFileAttrs(const Args& args);
 int RunDisksRaw(const Args& args);
-inline const wchar_t* const kDisksFilesUsage =
-    L"kxha disks file-attrs <path> [--json]\n"
-    L"       kxha disks raw [--json]\n"
-    L"\n"
-    L"file-attrs: whether the file is compressed or encrypted, and whether its volume compresses.\n"
-    L"raw: the largest disk's size, whether a disk is over 2 TiB, and the system disk's MBR signature,\n"
-    L"read from the disks directly (exit 1 when one of them could not be read).";
 }  // namespace kxha
 // iSCSI: the initiator's name, discovery, attach and logout (cmd_iscsi.cpp).
 namespace kxha {

@@ -8,6 +8,8 @@
 #include <aclapi.h>
 #include <sddl.h>
 
+#include <fstream>
+
 #include "guestfix/helper_service.h"
 #include "guest_test_util.h"
 
@@ -53,18 +55,10 @@ Lines Expected(const Lines& before, const std::string& descriptorHex) {
     return out;
 }
 
-Lines ReadDumpFile(const std::wstring& path) {
-    const Bytes b = kxtest::ReadBytes(path);
+Lines ReadDumpFile(const std::string& name) {
+    std::ifstream in(std::string(KX_GUEST_FIXTURES) + "/" + name, std::ios::binary);
     Lines out;
-    std::string line;
-    for (char c : b) {
-        if (c == '\n') {
-            out.insert(line);
-            line.clear();
-        } else if (c != '\r') {
-            line += c;
-        }
-    }
+    for (std::string line; std::getline(in, line);) out.insert(line);
     return out;
 }
 
@@ -123,8 +117,6 @@ struct Source {
     }
 };
 
-bool Exists(const std::wstring& path) { return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
-
 class HelperService : public kxguest::TwoBackends {
 protected:
     std::wstring Folder(const Guest& guest) const { return guest.windows + L"\\System32\\qlnvmhelpersvc"; }
@@ -150,7 +142,7 @@ TEST_P(HelperService, EveryBootSetFilesInPlaceSecondRunChangesNothing) {
 
     EXPECT_EQ(kxtest::ReadBytes(Folder(guest) + L"\\qlnvmhelpersvc.exe"), src.exe);
     EXPECT_EQ(kxtest::ReadBytes(Folder(guest) + L"\\helper.ini"), src.ini);
-    EXPECT_FALSE(Exists(Folder(guest) + L"\\docs"));
+    EXPECT_FALSE(kxtest::Exists(Folder(guest) + L"\\docs"));
 
     ASSERT_EQ(g::Ivm_InjectHelperServiceToHiveEx(guest.windows, src.path, system.get()), 0u);
     EXPECT_EQ(kxguest::DumpHive(*system), after);
@@ -160,7 +152,7 @@ TEST_P(HelperService, EveryBootSetFilesInPlaceSecondRunChangesNothing) {
         system.reset();
         // The fixture's own dump (written by hivex from the description) with
         // the injection's lines: independent of the engine's reading.
-        const Lines fromFixture = Expected(ReadDumpFile(kxguest::Fixture("svc-system.dump")),
+        const Lines fromFixture = Expected(ReadDumpFile("svc-system.dump"),
                                            kxguest::Hex(sd.data(), sd.size()));
         EXPECT_EQ(fromFixture, expected);
         kxguest::LeaveForHivex(guest.Hive(L"system"), "svc-system-injected", fromFixture);
@@ -186,9 +178,9 @@ TEST_P(HelperService, RegistryFailureTakesTheFilesBack) {
         EXPECT_EQ(g::Ivm_InjectHelperServiceToHiveEx(guest.windows, src.path, system.get()),
                   DWORD{ERROR_FILE_NOT_FOUND});
         EXPECT_EQ(kxguest::DumpHive(*system), before);
-        EXPECT_EQ(Exists(Folder(guest)), folderExisted);
-        EXPECT_FALSE(Exists(Folder(guest) + L"\\helper.ini"));
-        EXPECT_FALSE(Exists(Folder(guest) + L"\\qlnvmhelpersvc.exe.kxold"));
+        EXPECT_EQ(kxtest::Exists(Folder(guest)), folderExisted);
+        EXPECT_FALSE(kxtest::Exists(Folder(guest) + L"\\helper.ini"));
+        EXPECT_FALSE(kxtest::Exists(Folder(guest) + L"\\qlnvmhelpersvc.exe.kxold"));
         if (folderExisted) {
             EXPECT_EQ(kxtest::ReadBytes(Folder(guest) + L"\\qlnvmhelpersvc.exe"), old);
         }
@@ -217,7 +209,7 @@ TEST_P(HelperService, BadInputChangesNothing) {
         const Lines before = kxguest::DumpHive(*system);
         EXPECT_EQ(g::Ivm_InjectHelperServiceToHiveEx(guest.windows, source, system.get()), c.code);
         EXPECT_EQ(kxguest::DumpHive(*system), before);
-        EXPECT_EQ(Exists(Folder(guest)), c.folderIsFile);
+        EXPECT_EQ(kxtest::Exists(Folder(guest)), c.folderIsFile);
     }
 }
 
@@ -296,7 +288,7 @@ TEST(HelperServiceHive, UnusableHiveCopiesNothing) {
         if (c.content) kxtest::WriteText(guest.Hive(L"system"), c.content);
         Source src;
         EXPECT_EQ(g::Ivm_InjectHelperServiceToHive(guest.windows, src.path), c.code);
-        EXPECT_FALSE(Exists(guest.windows + L"\\System32\\qlnvmhelpersvc"));
+        EXPECT_FALSE(kxtest::Exists(guest.windows + L"\\System32\\qlnvmhelpersvc"));
     }
 }
 

@@ -1,5 +1,5 @@
 // Snapshot deletion on a VM whose session folders and disk files are real
-// files, some held open by another process while the deletion runs.
+// files, some held open while the deletion runs.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -21,32 +21,21 @@ namespace {
 constexpr const wchar_t* kVm = L"{5C0FFEE0-3333-4E6F-9A22-00DD00EE00FF}";
 const std::wstring kZero = L"_00000000-0000-0000-0000-000000000000";
 
-// Holds files open (read, no delete sharing) in a process of its own until
-// the end of its scope.
+// Holds files open (read, no delete sharing) until the end of its scope.
 class Holder {
 public:
     explicit Holder(const std::vector<std::wstring>& files) {
-        const std::wstring tag = std::to_wstring(::GetCurrentProcessId()) + L"_" + std::to_wstring(++count_);
-        ready_.reset(::CreateEventW(nullptr, TRUE, FALSE, (L"kx_hv_ready_" + tag).c_str()));
-        stop_.reset(::CreateEventW(nullptr, TRUE, FALSE, (L"kx_hv_stop_" + tag).c_str()));
-        std::wstring task = L"kx_hv_ready_" + tag + L"|kx_hv_stop_" + tag;
-        for (const auto& f : files) task += L"|" + f;
-        process_ = kxtest::SpawnHelper(L"SnapshotDeleteHolder.DISABLED_HoldFiles", task);
-        HANDLE both[] = {ready_.get(), process_.get()};
-        ready = process_ && ::WaitForMultipleObjects(2, both, FALSE, 60000) == WAIT_OBJECT_0;
+        for (const auto& f : files) {
+            held_.emplace_back(
+                ::CreateFileW(f.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+            ready = ready && held_.back();
+        }
     }
-    ~Holder() { Release(); }
-    void Release() {
-        if (!process_) return;
-        ::SetEvent(stop_.get());
-        ::WaitForSingleObject(process_.get(), 30000);
-        process_.reset();
-    }
-    bool ready = false;
+    void Release() { held_.clear(); }
+    bool ready = true;
 
 private:
-    static inline int count_ = 0;
-    kx::unique_handle ready_, stop_, process_;
+    std::vector<kx::unique_hfile> held_;
 };
 
 struct Vm {
@@ -97,44 +86,27 @@ struct Vm {
     h::PendingDelContext Record() const { return {data, kVm}; }
 };
 
-bool Exists(const std::wstring& p) { return ::GetFileAttributesW(p.c_str()) != INVALID_FILE_ATTRIBUTES; }
-
 }  // namespace
-
-TEST(SnapshotDeleteHolder, DISABLED_HoldFiles) {
-    const auto task = kxtest::HelperTask();
-    ASSERT_GE(task.size(), 3u);
-    std::vector<kx::unique_hfile> held;
-    for (size_t i = 2; i < task.size(); ++i) {
-        held.emplace_back(::CreateFileW(task[i].c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
-        ASSERT_TRUE(held.back()) << kxtest::Narrow(task[i]);
-    }
-    kx::unique_handle ready(::OpenEventW(EVENT_MODIFY_STATE, FALSE, task[0].c_str()));
-    kx::unique_handle stop(::OpenEventW(SYNCHRONIZE, FALSE, task[1].c_str()));
-    ASSERT_TRUE(ready && stop);
-    ::SetEvent(ready.get());
-    ::WaitForSingleObject(stop.get(), 120000);
-}
 
 TEST(SnapshotDelete, ExactlyTheSnapshotsOwnFilesGoAndWhatIsHeldOpenWaitsInTheRecord) {
     Vm vm;
     // A: its session folder and disk pair go, whole.
     ASSERT_EQ(vm.Delete(L"{A}"), 0u);
-    EXPECT_FALSE(Exists(vm.S(1)));
-    for (int s : {2, 3, 4}) EXPECT_TRUE(Exists(vm.S(s) + L"\\sub\\block.ctf"));
+    EXPECT_FALSE(kxtest::Exists(vm.S(1)));
+    for (int s : {2, 3, 4}) EXPECT_TRUE(kxtest::Exists(vm.S(s) + L"\\sub\\block.ctf"));
 
     // D: its pair goes; the folder stays because snapshot E still runs from it.
     ASSERT_EQ(vm.Delete(L"{D}"), 0u);
-    EXPECT_FALSE(Exists(vm.S(4) + L"\\disk0000000001.vhd"));
-    EXPECT_FALSE(Exists(vm.Pair(4, L"disk0000000001", L"vhd")));
-    EXPECT_TRUE(Exists(vm.S(4) + L"\\disk0000000002.vhd"));
-    EXPECT_TRUE(Exists(vm.S(4) + L"\\BackupInfo.XML"));
+    EXPECT_FALSE(kxtest::Exists(vm.S(4) + L"\\disk0000000001.vhd"));
+    EXPECT_FALSE(kxtest::Exists(vm.Pair(4, L"disk0000000001", L"vhd")));
+    EXPECT_TRUE(kxtest::Exists(vm.S(4) + L"\\disk0000000002.vhd"));
+    EXPECT_TRUE(kxtest::Exists(vm.S(4) + L"\\BackupInfo.XML"));
 
     // G: the base disk9.vhdx carries snapshot F's own differencing disk, so
     // the pair stays, and nothing is recorded for it.
     ASSERT_EQ(vm.Delete(L"{G}"), 0u);
-    EXPECT_TRUE(Exists(vm.vhds + L"\\disk9.vhdx"));
-    EXPECT_TRUE(Exists(vm.vhds + L"\\disk9" + kZero + L".avhdx"));
+    EXPECT_TRUE(kxtest::Exists(vm.vhds + L"\\disk9.vhdx"));
+    EXPECT_TRUE(kxtest::Exists(vm.vhds + L"\\disk9" + kZero + L".avhdx"));
 
     std::vector<std::wstring> folders;
     std::vector<h::DiskPair> pairs;
@@ -143,7 +115,7 @@ TEST(SnapshotDelete, ExactlyTheSnapshotsOwnFilesGoAndWhatIsHeldOpenWaitsInTheRec
         Holder holder({vm.Pair(2, L"disk0000000001", L"vhdx")});
         ASSERT_TRUE(holder.ready);
         ASSERT_EQ(vm.Delete(L"{B}"), 0u);
-        EXPECT_TRUE(Exists(vm.Pair(2, L"disk0000000001", L"vhdx")));
+        EXPECT_TRUE(kxtest::Exists(vm.Pair(2, L"disk0000000001", L"vhdx")));
         ASSERT_EQ(h::_ReadPendingDelFolderFromCfgFile(vm.Record(), folders), 0u);
         ASSERT_EQ(h::_ReadPendingDelPair(vm.Record(), pairs), 0u);
         EXPECT_EQ(folders, std::vector<std::wstring>{vm.S(2)});
@@ -157,16 +129,16 @@ TEST(SnapshotDelete, ExactlyTheSnapshotsOwnFilesGoAndWhatIsHeldOpenWaitsInTheRec
     // Released: the next deletion replays the record first, then E's own
     // files go, and with them the folder nobody uses now.
     ASSERT_EQ(vm.Delete(L"{E}"), 0u);
-    EXPECT_FALSE(Exists(vm.S(2)));
-    EXPECT_FALSE(Exists(vm.S(4)));
+    EXPECT_FALSE(kxtest::Exists(vm.S(2)));
+    EXPECT_FALSE(kxtest::Exists(vm.S(4)));
     ASSERT_EQ(h::_ReadPendingDelFolderFromCfgFile(vm.Record(), folders), 0u);
     ASSERT_EQ(h::_ReadPendingDelPair(vm.Record(), pairs), 0u);
     EXPECT_TRUE(folders.empty());
     EXPECT_TRUE(pairs.empty());
     // The running state's files were never touched; F gone, G's pair is free now.
-    EXPECT_TRUE(Exists(vm.Pair(3, L"disk0000000001", L"vhd")));
-    EXPECT_TRUE(Exists(vm.S(3) + L"\\disk0000000001.vhd"));
-    EXPECT_TRUE(Exists(vm.vhds + L"\\disk9.vhdx"));
+    EXPECT_TRUE(kxtest::Exists(vm.Pair(3, L"disk0000000001", L"vhd")));
+    EXPECT_TRUE(kxtest::Exists(vm.S(3) + L"\\disk0000000001.vhd"));
+    EXPECT_TRUE(kxtest::Exists(vm.vhds + L"\\disk9.vhdx"));
 }
 
 TEST(SnapshotDelete, NothingGoesWhenTheDeletionDidNotHappenOrTheSnapshotIsStillListed) {
@@ -176,7 +148,7 @@ TEST(SnapshotDelete, NothingGoesWhenTheDeletionDidNotHappenOrTheSnapshotIsStillL
     EXPECT_EQ(h::EndDeleteSnapshot_HyperV(handle, false), 0u);
     ASSERT_EQ(h::BeginDeleteSnapshot_HyperV(kVm, L"{A}", &handle), 0u);
     EXPECT_EQ(h::EndDeleteSnapshot_HyperV(handle, true), static_cast<DWORD>(ERROR_BUSY));  // Hyper-V still lists it
-    EXPECT_TRUE(Exists(vm.S(1) + L"\\disk0000000001.vhd"));
+    EXPECT_TRUE(kxtest::Exists(vm.S(1) + L"\\disk0000000001.vhd"));
 
     handle = reinterpret_cast<SnapshotDeleteHandle*>(1);
     EXPECT_EQ(h::BeginDeleteSnapshot_HyperV(kVm, L"{NOPE}", &handle), static_cast<DWORD>(ERROR_NOT_FOUND));
@@ -198,7 +170,7 @@ TEST(SnapshotDelete, NothingGoesWhenTheDeletionDidNotHappenOrTheSnapshotIsStillL
     ASSERT_EQ(h::_ReadPendingDelPair(vm.Record(), pairs), 0u);
     EXPECT_EQ(folders, std::vector<std::wstring>{vm.S(3)});
     EXPECT_EQ(pairs.size(), 1u);
-    EXPECT_TRUE(Exists(vm.Pair(3, L"disk0000000001", L"vhd")));
+    EXPECT_TRUE(kxtest::Exists(vm.Pair(3, L"disk0000000001", L"vhd")));
 }
 
 TEST(CleanUselessVirtualDisk, RemovesUnusedDiskFilesOnlyAndKeepsWhatIsHeld) {
@@ -216,14 +188,14 @@ TEST(CleanUselessVirtualDisk, RemovesUnusedDiskFilesOnlyAndKeepsWhatIsHeld) {
     // disk9.vhdx and its two differencing disks are used by snapshots F and G.
     EXPECT_EQ(h::CleanUselessVirtualDisk(kVm, dir.c_str()), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
     for (const wchar_t* gone : {L"old.vhd", L"old_00000000-0000-0000-0000-000000000000.avhd"})
-        EXPECT_FALSE(Exists(dir + L"\\" + gone));
+        EXPECT_FALSE(kxtest::Exists(dir + L"\\" + gone));
     for (const wchar_t* kept : {L"held.avhd", L"notes.txt", L"copy.vhd.bak", L"sub.vhd\\inner.vhd", L"disk9.vhdx",
                                     L"disk9_7A5C0E1D-4B3A-4F2E-9D8C-112233445566.avhdx"})
-        EXPECT_TRUE(Exists(dir + L"\\" + kept)) << kxtest::Narrow(kept);
-    EXPECT_TRUE(Exists(dir + L"\\disk9" + kZero + L".avhdx"));
+        EXPECT_TRUE(kxtest::Exists(dir + L"\\" + kept)) << kxtest::Narrow(kept);
+    EXPECT_TRUE(kxtest::Exists(dir + L"\\disk9" + kZero + L".avhdx"));
     holder.Release();
     EXPECT_EQ(h::CleanUselessVirtualDisk(kVm, dir.c_str()), 0u);
-    EXPECT_FALSE(Exists(dir + L"\\held.avhd"));
+    EXPECT_FALSE(kxtest::Exists(dir + L"\\held.avhd"));
     EXPECT_EQ(h::CleanUselessVirtualDisk(kVm, nullptr), kx::kE_INVALIDARG);
 }
 

@@ -17,16 +17,15 @@ FakeVm* FakeHost::Find(const std::wstring& guid) {
     return nullptr;
 }
 
-FakeHost ParseFakeHost(const std::wstring& text, const std::wstring& root) {
+FakeHost ParseFakeHost(const std::wstring& text) {
     FakeHost host;
     std::wistringstream in(text);
     int number = 0;
     for (std::wstring line; std::getline(in, line);) {
         ++number;
-        for (size_t at; (at = line.find(L"%ROOT%")) != std::wstring::npos;) line.replace(at, 6, root);
         while (!line.empty() && (line.back() == L'\r' || line.back() == L' ')) line.pop_back();
         const size_t start = line.find_first_not_of(L" \t");
-        if (start == std::wstring::npos || line[start] == L'#') continue;
+        if (start == std::wstring::npos) continue;
         const size_t gap = line.find(L' ', start);
         const std::wstring word = line.substr(start, gap - start);
         const std::wstring rest = gap == std::wstring::npos ? L"" : line.substr(line.find_first_not_of(L' ', gap));
@@ -143,8 +142,8 @@ private:
 
 }  // namespace
 
-FakeHyperV::FakeHyperV(const std::wstring& description, const std::wstring& root)
-    : host_(std::make_shared<FakeHost>(ParseFakeHost(description, root))) {
+FakeHyperV::FakeHyperV(const std::wstring& description)
+    : host_(std::make_shared<FakeHost>(ParseFakeHost(description))) {
     kp::SetHyperVOps(this);
 }
 

@@ -1,7 +1,6 @@
 // A Hyper-V host for tests: VMs, snapshots and disk lists read from a
 // readable description, put behind the Hyper-V operations port.
 //
-//   # comment
 //   vm {GUID} Display name           a VM
 //   data <folder>                    its data folder
 //   disk <path>                      a disk of its running state
@@ -10,8 +9,6 @@
 //   fail <call> <code>               a call of the last VM fails: disks,
 //                                    data, snapshots, snapshot, sdisks;
 //                                    "fail open <code>" fails the host
-//
-// "%ROOT%" in a line is replaced by the root the test gives.
 #pragma once
 
 #include <windows.h>
@@ -44,15 +41,14 @@ struct FakeHost {
 };
 
 // Parses a description; throws std::runtime_error naming the bad line.
-FakeHost ParseFakeHost(const std::wstring& text, const std::wstring& root);
+FakeHost ParseFakeHost(const std::wstring& text);
 
 class FakeHyperV final : public kx::platform::HyperVOps {
 public:
-    explicit FakeHyperV(const std::wstring& description, const std::wstring& root = L"");
+    explicit FakeHyperV(const std::wstring& description);
     ~FakeHyperV() override;  // puts the default back
     DWORD OpenHyperVOperation(const std::wstring& host, const std::wstring& user, const std::wstring& password,
                               std::unique_ptr<kx::platform::HyperVOperation>* operation) override;
-    FakeHost& host() { return *host_; }
     // Removes a snapshot, as Hyper-V does when it deletes one.
     void DeleteSnapshot(const std::wstring& vm, const std::wstring& snapshot);
 

@@ -76,7 +76,6 @@ TEST(PendingDelRecord, HandEditedFolderListsGiveTheEntriesBeforeEachBarOrTheSize
          {L"C:\\a", L"D:\\b c"}},
         {"empty runs stay", L"[INC_SESS_FOLDER]\r\nIncFolder=a||b|\r\n[INC_SESS_SIZE]\r\nIncSize=5\r\n", 0,
          {L"a", L"", L"b"}},
-        {"folder key missing", L"[INC_SESS_SIZE]\r\nIncSize=40\r\n", 0, {}},
         {"blanks and case", L"\r\n[inc_sess_folder]\r\n  incfolder = E:\\x|  \r\n[INC_SESS_SIZE]\r\nINCSIZE = 4\r\n", 0,
          {L"E:\\x"}},
     };
@@ -197,37 +196,4 @@ TEST(PendingDelRecord, ARecordBeyondTheCapIsCutAtItsLastWholeEntry) {
     const size_t whole = (h::kPendingDelCap + 1) / 1500;
     ASSERT_EQ(back.size(), whole);
     EXPECT_EQ(back.back(), folders[whole - 1]);
-}
-
-// ---- another process -----------------------------------------------------
-
-// Writes the record named by its task "<data folder>|<vm guid>|<folder>|..."
-// and exits.
-TEST(PendingDelRecordAcrossProcesses, DISABLED_WriterProcess) {
-    const auto task = kxtest::HelperTask();
-    ASSERT_GE(task.size(), 3u);
-    const h::PendingDelContext ctx{task[0], task[1]};
-    std::vector<std::wstring> folders(task.begin() + 2, task.end());
-    ASSERT_EQ(h::_WritePendingDelFolderToCfgFile(ctx, folders), 0u);
-    ASSERT_EQ(h::_WritePendingDelPair(ctx, {{L"C:\\p\\a.vhdx", L"C:\\p\\a_" + kZero + L".avhdx"}}), 0u);
-    ASSERT_EQ(h::_AddPendingDelFolderToCfgFile(ctx, {L"C:\\added by child"}), 0u);
-}
-
-TEST(PendingDelRecordAcrossProcesses, WhatOneProcessWritesAnotherReads) {
-    ScratchDir d;
-    DWORD pid = 0;
-    kx::unique_handle child = kxtest::SpawnHelper(L"PendingDelRecordAcrossProcesses.DISABLED_WriterProcess",
-                                                  d.path() + L"|" + kVm + L"|E:\\s\\VStore\\S0000000009|E:\\ö", &pid);
-    ASSERT_TRUE(child);
-    ASSERT_EQ(::WaitForSingleObject(child.get(), 120000), WAIT_OBJECT_0);
-    DWORD code = 1;
-    ::GetExitCodeProcess(child.get(), &code);
-    ASSERT_EQ(code, 0u);
-
-    std::vector<std::wstring> folders;
-    ASSERT_EQ(h::_ReadPendingDelFolderFromCfgFile(Ctx(d), folders), 0u);
-    EXPECT_EQ(folders, (std::vector<std::wstring>{L"E:\\s\\VStore\\S0000000009", L"E:\\ö", L"C:\\added by child"}));
-    std::vector<h::DiskPair> pairs;
-    ASSERT_EQ(h::_ReadPendingDelPair(Ctx(d), pairs), 0u);
-    EXPECT_EQ(pairs, (std::vector<h::DiskPair>{{L"C:\\p\\a.vhdx", L"C:\\p\\a_" + kZero + L".avhdx"}}));
 }

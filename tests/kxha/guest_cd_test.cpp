@@ -6,7 +6,6 @@
 #include "kx_test.h"
 #include "kxha_run.h"
 
-using kxhatest::Fixture;
 using kxhatest::Has;
 using kxhatest::Kxha;
 using kxhatest::Q;
@@ -23,17 +22,13 @@ TEST(KxhaGuestCd, PrintsTheLettersOrTheRefusal) {
         {"cd-nocd-system.hive", L"D", 0, "no changes\n"},
         {"cd-volumes-system.hive", L"G", 1, "rc = 85 (0x00000055): drive letter G: belongs to a volume"},
         {"cd-volumes-system.hive", L"EE", 1, "rc = 87 (0x00000057): not a drive letter: EE"},
-        {"cd-volumes-system.hive", L"A", 1, "rc = 87 (0x00000057)"},
         {"", L"E", 1, "AdjustVirtualCDDriveLetter_HyperV failed, rc = 10 (0x0000000A)"},
     };
     for (const auto& c : cases) {
         kxtest::ScratchDir dir;
         const std::wstring windows = dir / L"Gäst Ω\\Windows";
         kxtest::MakeDirs(windows + L"\\system32\\config");
-        if (*c.hive) {
-            const auto bytes = kxtest::ReadBytes(Fixture(c.hive));
-            kxtest::WriteBytes(windows + L"\\system32\\config\\system", bytes.data(), bytes.size());
-        }
+        if (*c.hive) kxhatest::Put(c.hive, windows + L"\\system32\\config\\system");
         const auto r = Kxha(L"guest cd-letter " + Q(windows) + L" " + c.letter);
         EXPECT_EQ(r.code != 0, c.code != 0) << c.hive << " " << r.out;
         EXPECT_TRUE(Has(r, c.shown)) << c.hive << "\n" << r.out;

@@ -238,8 +238,6 @@ TEST(KxhaGuestFixup, StopsAtTheFailingStepAndKeepsWhatWasWritten) {
         std::string out;
     } cases[] = {
         {L"guest fixup " + Q(windows) + L" --target hyper-v", 2, "usage: "},
-        {L"guest fixup " + Q(windows), 2, "usage: "},
-        {L"guest fixup " + Q(windows) + L" --target xen --uefi", 2, "usage: "},
         {L"guest fixup " + Q(d / L"NoSuch\\Windows") + L" --target hyperv", 1, "error: GetSystemHiveKeyEx failed, rc = 10 "},
         // No BCD store on the volume: the last step fails, after the hives were written.
         {L"guest fixup " + Q(windows) + L" --target hyperv --boot-volume " + Q(d / L"NoStore"), 1,

@@ -6,7 +6,6 @@
 #include "kx_test.h"
 #include "kxha_run.h"
 
-using kxhatest::Fixture;
 using kxhatest::Has;
 using kxhatest::Kxha;
 using kxhatest::Q;
@@ -21,8 +20,7 @@ struct ServiceGuest {
     ServiceGuest() {
         kxtest::MakeDirs(windows + L"\\system32\\config");
         kxtest::MakeDirs(source);
-        const auto b = kxtest::ReadBytes(Fixture("svc-system.hive"));
-        kxtest::WriteBytes(windows + L"\\system32\\config\\system", b.data(), b.size());
+        kxhatest::Put("svc-system.hive", windows + L"\\system32\\config\\system");
         kxtest::WriteText(source + L"\\qlnvmhelpersvc.exe", "MZ helper stand-in");
     }
 };

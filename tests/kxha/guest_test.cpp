@@ -25,10 +25,7 @@ std::wstring Guest(const std::wstring& root, const std::map<std::wstring, std::s
                    const std::map<std::wstring, std::vector<uint8_t>>& extra = {}) {
     const std::wstring windows = root + L"\\Windows", config = windows + L"\\system32\\config\\";
     kxtest::MakeDirs(config);
-    for (const auto& [name, file] : hives) {
-        const auto bytes = kxtest::ReadBytes(Fixture(file));
-        kxtest::WriteBytes(config + name, bytes.data(), bytes.size());
-    }
+    for (const auto& [name, file] : hives) kxhatest::Put(file, config + name);
     for (const auto& [name, bytes] : extra) kxtest::WriteBytes(config + name, bytes.data(), bytes.size());
     return windows;
 }
@@ -188,13 +185,11 @@ TEST(KxhaGuest, RegShowsKeysAndValuesWithTheirTypes) {
         {system + L" ControlSet001\\Control\\SafeBoot --depth 1", 0,
          {" AlternateShell REG_SZ cmd.exe", "[ControlSet001\\Control\\SafeBoot\\Network]"}, "AppMgmt"},
         {system + L" ControlSet001\\Control\\SafeBoot\\Network\\AppMgmt", 0, {" (Default) REG_SZ Service"}},
-        {system + L" MountedDevices", 0, {" \\DosDevices\\C: REG_BINARY 5e a1 3c 7f 00 00 10 00 00 00 00 00"}},
         {system + L" \"ControlSet002\\Control\\Print\\Printers\\B\u00fcrodrucker\"", 0,
          {"[ControlSet002\\Control\\Print\\Printers\\B\xc3\xbcrodrucker]", " Name REG_SZ B\xc3\xbcrodrucker"}},
         {software + L" \"Microsoft\\Windows NT\\CurrentVersion\" --depth 0", 0,
          {" InstallTime REG_QWORD 0x01cea82b7f3c1e00 (130226344012029440)", " CurrentVersion REG_SZ 6.1",
           " RegisteredOwner REG_SZ J\xc3\xbcrgen Wei\xc3\x9f"}, "Winlogon"},
-        {Q(Fixture("system-1.5.hive")) + L" Select", 0, {"[Select]", " Current REG_DWORD 0x00000001 (1)"}},
         {Q(dirtyFile) + L" ControlSet002\\Control\\ComputerName\\ComputerName", 0, {" ComputerName REG_SZ WIN7-OLDNAME"}},
         {system + L" ControlSet001\\Services\\nope", 1,
          {"error: opening the key [ControlSet001\\Services\\nope] failed, rc = 2 (0x00000002): no such key in the hive"}},

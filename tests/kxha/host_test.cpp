@@ -76,7 +76,6 @@ TEST(KxhaHost, ChangesNeedTheConfirmationFlagAndStopAtTheFirstRefusal) {
     } cases[] = {
         {L"host set-static eth0 --ip 10.0.0.5 --mask 255.0.0.0", 2, "nothing changed. Add --yes"},
         {L"host set-dhcp eth0", 2, "would switch DHCP on on adapter \"eth0\""},
-        {L"host set-dns eth0 --servers 10.0.0.53", 2, "would set DNS servers 10.0.0.53"},
         {L"host set-dhcp \"No Such Adapter\" --yes", 1, "EnableHostDHCP failed, rc = 1168"},
         {L"host set-gateways eth0 --yes", 1, "SetHostGateways failed, rc = 87"},
         {L"host set-wins eth0 \"\" --yes --json", 1, "\"rc\": 87, \"failedCall\": \"SetHostWINSServer\""},

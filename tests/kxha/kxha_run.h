@@ -28,4 +28,10 @@ inline std::wstring Fixture(const std::string& file) {
     return std::wstring(path.begin(), path.end());
 }
 
+// Copies a fixture file to `to`.
+inline void Put(const std::string& fixture, const std::wstring& to) {
+    const auto bytes = kxtest::ReadBytes(Fixture(fixture));
+    kxtest::WriteBytes(to, bytes.data(), bytes.size());
+}
+
 }  // namespace kxhatest

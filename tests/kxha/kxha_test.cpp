@@ -43,7 +43,6 @@ TEST(Kxha, CommandsOnADestination) {
         bool whole = false;
     } cases[] = {
         {L"", 2, ""},
-        {L"bitmap", 2, ""},
         {L"lock C:\\x 5 2", 2, "reversed"},
         {L"bitmap list " + root + L" --json", 0, "\"sessions\": [\"S0000000003\", \"S0000000004\"]"},
         {L"bitmap show " + s4 + L" --json", 0,

@@ -1,8 +1,8 @@
 // A compact form of a mostly-empty disk file, for fuzz inputs: a VHDX file
 // is at least a few MiB, nearly all zeros. The form: the file size (32-bit
 // little-endian, in bytes), then runs of (32-bit offset, 16-bit length,
-// bytes) laid over zeros; runs past the size are cut off. CompactSparse
-// makes it, SparseFile serves it to the library.
+// bytes) laid over zeros; runs past the size are cut off. SparseFile serves
+// it to the library.
 #pragma once
 
 #include <algorithm>
@@ -15,35 +15,6 @@
 #include "platform/vhd/positioned_io.h"
 
 namespace vhdxtest {
-
-// The runs of nonzero 64-byte pieces of `file`.
-inline std::vector<uint8_t> CompactSparse(const std::vector<uint8_t>& file) {
-    std::vector<uint8_t> out(4);
-    auto put = [&](uint32_t v, size_t bytes) {
-        for (size_t i = 0; i < bytes; ++i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
-    };
-    for (size_t i = 0; i < 4; ++i) out[i] = static_cast<uint8_t>(file.size() >> (8 * i));
-    const size_t piece = 64;
-    for (size_t at = 0; at < file.size();) {
-        auto zero = [&](size_t p) {
-            for (size_t i = p; i < std::min(p + piece, file.size()); ++i)
-                if (file[i]) return false;
-            return true;
-        };
-        if (zero(at)) {
-            at += piece;
-            continue;
-        }
-        size_t end = at;
-        while (end < file.size() && !zero(end) && end - at < 60000) end += piece;
-        end = std::min(end, file.size());
-        put(static_cast<uint32_t>(at), 4);
-        put(static_cast<uint32_t>(end - at), 2);
-        out.insert(out.end(), file.begin() + at, file.begin() + end);
-        at = end;
-    }
-    return out;
-}
 
 // A file held as its nonzero 4 KiB pages: a fuzz input of a few KiB stands
 // for a file of MiBs without the MiBs ever being allocated. Files past

@@ -3,8 +3,11 @@
 #include <optional>
 #include <vector>
 
+#include "KestrixHA/disk_checks.h"
 #include "common/result_codes.h"
+#include "disk/raw_layout.h"
 #include "disk/vds_session.h"
+#include "log/call_frame.h"
 #include "log/debug_log.h"
 #include "platform/process_runner.h"
 
@@ -16,20 +19,22 @@ constexpr int kRounds = 120;
 constexpr DWORD kRoundPauseMs = 1000;
 constexpr DWORD kFixedMedia = 12;  // MEDIA_TYPE FixedMedia
 
-// Whether `p` is the disk asked for; logs the match.
+// Whether `p` is the disk asked for; logs the match. A raw disk (no
+// partition table yet) is the platform's new disk whatever identity is
+// asked for: it is matched by its size alone and gets the identity later.
+// An initialised disk must carry the identity of the style asked for.
 bool Matches(const CloudDiskQuery& q, const DiskProperties& p) {
     if (p.mediaType != kFixedMedia || p.size != q.size) return false;
     const auto size = static_cast<long long>(p.size);
-    switch (q.partitionStyle) {
-        case 0:
-            if (p.style != VDS_PST_UNKNOWN) return false;
+    switch (p.style) {
+        case VDS_PST_UNKNOWN:
             Log(2, L"Locate the new created disk %s with size %I64d.", p.name.c_str(), size);
             return true;
-        case 1:
-            if (p.style != VDS_PST_MBR || p.signature != q.signature) return false;
+        case VDS_PST_MBR:
+            if (q.partitionStyle != 1 || p.signature != q.signature) return false;
             break;
-        case 2:
-            if (p.style != VDS_PST_GPT || !IsEqualGUID(p.diskGuid, q.diskGuid)) return false;
+        case VDS_PST_GPT:
+            if (q.partitionStyle != 2 || !IsEqualGUID(p.diskGuid, q.diskGuid)) return false;
             break;
         default:
             return false;
@@ -66,6 +71,31 @@ DWORD LocateCloudDisk(const CloudDiskQuery& q, LocatedCloudDisk* out) {
     Log(0, L"Can't locate the new created disk with size %I64d after %d seconds.", static_cast<long long>(q.size),
         kRounds);
     return kFailNoCode;
+}
+
+DWORD GetDiskPathforCloudDisk(CloudDiskLocateRequest* request) {
+    return RunExport<kGetDiskPathforCloudDisk>([&](auto& frame) -> DWORD {
+        if (!request || request->cbSize != sizeof(*request) ||
+            (request->partitionStyle != kStyleMbr && request->partitionStyle != kStyleGpt))
+            return frame.InvalidParameter();
+        request->diskPath[0] = L'\0';
+        const CloudDiskQuery q{request->diskSize, request->partitionStyle, request->signature, request->diskGuid,
+                               request->unallocatedOnly != 0};
+        LocatedCloudDisk found;
+        if (const DWORD rc = LocateCloudDisk(q, &found)) return rc;
+        if (found.devicePath.size() >= MAX_PATH) {
+            Log(0, L"GetDiskPathforCloudDisk, disk path too long: %s", found.devicePath.c_str());
+            return ERROR_FILENAME_EXCED_RANGE;
+        }
+        // A raw disk gets the asked identity before anyone sees it; it is
+        // off line already, so no volume of it can be mounted meanwhile.
+        if (found.partitionStyle == VDS_PST_UNKNOWN)
+            if (const DWORD rc = WriteNewPartitionTable(found.devicePath, request->partitionStyle,
+                                                        request->signature, request->diskGuid))
+                return rc;
+        wcscpy_s(request->diskPath, found.devicePath.c_str());
+        return ERROR_SUCCESS;
+    }, request ? static_cast<long long>(request->diskSize) : 0LL);
 }
 
 }  // namespace kx::disk

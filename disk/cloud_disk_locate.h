@@ -8,11 +8,15 @@
 #include <cstdint>
 #include <string>
 
+#include "KestrixHA/disk_checks.h"
+
 namespace kx::disk {
 
 struct CloudDiskQuery {
     uint64_t size = 0;            // bytes; the disk's size must equal it
-    uint32_t partitionStyle = 0;  // 0 raw (matched by size alone), 1 MBR, 2 GPT
+    // 1 MBR (matched by `signature`) or 2 GPT (by `diskGuid`); 0 asks for a
+    // raw disk only. A raw disk of the size is taken whatever is asked.
+    uint32_t partitionStyle = 0;
     uint32_t signature = 0;       // MBR: the signature wanted
     GUID diskGuid{};              // GPT: the disk GUID wanted
     bool unallocatedOnly = false; // search the unallocated disks only, not every disk
@@ -30,5 +34,9 @@ struct LocatedCloudDisk {
 // filled: 0. 0xFFFFFFFF after the last round without a match, or when the
 // service cannot be started.
 DWORD LocateCloudDisk(const CloudDiskQuery& q, LocatedCloudDisk* out);
+
+// The export: locates the disk of `request`, writes a new table of the
+// asked style and identity to it when it was found raw, and gives its path.
+DWORD GetDiskPathforCloudDisk(CloudDiskLocateRequest* request);
 
 }  // namespace kx::disk

@@ -1,5 +1,6 @@
 // Exported raw disk and file checks.
 #include "KestrixHA/disk_checks.h"
+#include "disk/cloud_disk_locate.h"
 #include "disk/raw_checks.h"
 
 namespace d = kx::disk;
@@ -17,3 +18,5 @@ KXHA_API DWORD CheckFileCryptCmprsAttr(const wchar_t* path, bool* compressed, bo
 KXHA_API DWORD CheckIfFileOnCmprsVol(const wchar_t* path, bool* onCompressed) {
     return d::CheckIfFileOnCmprsVol(path, onCompressed);
 }
+
+KXHA_API DWORD GetDiskPathforCloudDisk(CloudDiskLocateRequest* request) { return d::GetDiskPathforCloudDisk(request); }

@@ -377,6 +377,8 @@ inline constexpr ExportLines kCheckFileCryptCmprsAttr{L"CheckFileCryptCmprsAttr"
 inline constexpr ExportLines kCheckIfFileOnCmprsVol{L"CheckIfFileOnCmprsVol", 2, L"begin %s, file = %s", 2,
                                                     L"finish %s, rc = %d", EndKind::Result,
                                                     L"%s() failed due to invalid parameter", kE_INVALIDARG};
+inline constexpr ExportLines kGetDiskPathforCloudDisk{L"GetDiskPathforCloudDisk", 2, L"begin %s, size = %lld", 2,
+                                                      L"finish %s, rc = %d", EndKind::Result};
 }  // namespace kx
 // ---- iSCSI ----------------------------------------------------------------------------
 namespace kx {

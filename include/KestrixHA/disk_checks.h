@@ -58,7 +58,7 @@ KXHA_API DWORD CheckFileCryptCmprsAttr(const wchar_t* path, bool* compressed, bo
 // GetVolumeInformationW or of reading the root's attributes.
 KXHA_API DWORD CheckIfFileOnCmprsVol(const wchar_t* path, bool* onCompressed);
 
-// The request of the cloud-disk locate call: the disk a cloud platform has
+// The request of GetDiskPathforCloudDisk: the disk a cloud platform has
 // just attached to this host, and where it was found. Filled by the caller
 // except `diskPath`. A raw (uninitialised) disk is matched by its size alone
 // and is given a partition table of `partitionStyle` carrying `signature` or
@@ -85,3 +85,24 @@ struct CloudDiskLocateRequest {
     wchar_t diskPath[MAX_PATH];
 };
 #pragma pack(pop)
+
+// Locates the disk of `request` that a cloud platform has just attached, and
+// gives its device path in request->diskPath:
+// - A disk service session is opened (the service's start is waited for as
+//   in the disk listings). Once a second, for at most 120 rounds, the host's
+//   disks (or only the uninitialised ones) are searched for a fixed disk of
+//   exactly `diskSize` bytes: a raw disk is taken by its size alone; an
+//   initialised disk must be of `partitionStyle` and carry `signature`
+//   (MBR) or `diskGuid` (GPT).
+// - The disk found is made writable and taken off line (so that no volume of
+//   it is mounted or given a letter while the product writes it).
+// - A disk found raw gets a new, empty partition table of `partitionStyle`
+//   with `signature` or `diskGuid` (IOCTL_DISK_CREATE_DISK, then an empty
+//   drive layout; no partition is made).
+// Returns 0 with the path; 0xFFFFFFFF when no such disk showed up in 120
+// rounds or the disk service could not be started; the error of opening the
+// disk or writing its table ("Failed to open disk %s, error %d", "Failed to
+// create disk, Error %d.", "Failed to set disk layout for %s."); 87 for a
+// null request, a wrong cbSize or a style other than 1 or 2. diskPath is
+// empty on every failure.
+KXHA_API DWORD GetDiskPathforCloudDisk(CloudDiskLocateRequest* request);

@@ -35,6 +35,11 @@ WRITES = [
     ("mbr_over_gpt", "gpt_a", 512, 1, 0x0BADF00D, ""),
     ("new_gpt_4k", "raw", 4096, 2, 0, "FEEDFACE-0123-4567-89AB-CDEF01234567"),
 ]
+# Raw disks located and given a table by GetDiskPathforCloudDisk (cloud_disk_test).
+CLOUD_WRITES = [
+    ("cloud_mbr", "raw", 512, 1, 0x5EED0101, ""),
+    ("cloud_gpt", "raw", 512, 2, 0, "C10D0D15-1111-4222-8333-0000000C0DE5"),
+]
 
 
 def make(folder):
@@ -123,7 +128,7 @@ def sfdisk_table(path):
 
 def check(folder, out):
     failures = 0
-    for name, _, sector, style, signature, guid in WRITES:
+    for name, _, sector, style, signature, guid in WRITES + CLOUD_WRITES:
         path = os.path.join(out, name + ".img")
         try:
             if style == 1:

@@ -180,7 +180,8 @@ HANDLE ImageDisks::Open(const std::wstring& path, DWORD access, DWORD share, DWO
     if (_wcsicmp(path.c_str(), kVolume) == 0) disk = -1;
     for (size_t i = 0; i < disks_.size() && disk == -2; ++i)
         if (_wcsicmp(path.c_str(), InterfacePath(i).c_str()) == 0 ||
-            _wcsicmp(path.c_str(), (L"\\\\.\\PHYSICALDRIVE" + std::to_wstring(i)).c_str()) == 0)
+            _wcsicmp(path.c_str(), (L"\\\\.\\PHYSICALDRIVE" + std::to_wstring(i)).c_str()) == 0 ||
+            _wcsicmp(path.c_str(), (L"\\\\?\\PhysicalDrive" + std::to_wstring(i)).c_str()) == 0)
             disk = static_cast<int>(i);
     if (disk == -2) return (::SetLastError(ERROR_FILE_NOT_FOUND), INVALID_HANDLE_VALUE);
     HANDLE h = disk == -1 ? ::CreateEventW(nullptr, FALSE, FALSE, nullptr)

@@ -1,6 +1,7 @@
 // Disks for tests: image files served through the device seam as if they
-// were the host's disks. Each disk has a SetupAPI interface path and a
-// "\\.\PHYSICALDRIVEn" name; the system volume "\\.\C:" has extents on
+// were the host's disks. Each disk has a SetupAPI interface path and the
+// names "\\.\PHYSICALDRIVEn" and "\\?\PhysicalDriven" (as the disk service
+// names it); the system volume "\\.\C:" has extents on
 // chosen disks. Opens are real CreateFileW calls on the image files.
 //
 // Answered: IOCTL_DISK_GET_LENGTH_INFO, IOCTL_DISK_GET_DRIVE_GEOMETRY_EX

@@ -23,9 +23,6 @@ namespace kx::disk {
 inline constexpr uint32_t kStyleMbr = 1;
 inline constexpr uint32_t kStyleGpt = 2;
 
-// Entries of a new GPT.
-inline constexpr DWORD kGptEntries = 128;
-
 // Opens `devicePath` read-write (sharing read and write), sends
 // IOCTL_DISK_CREATE_DISK with `signature` (MBR) or `diskGuid` (GPT), then
 // IOCTL_DISK_SET_DRIVE_LAYOUT_EX with the empty layout above (sized from

@@ -4,6 +4,9 @@
 #include <memory>
 #include <cstddef>
 #include <new>
+#include <vector>
+
+#include <winioctl.h>
 
 #include "log/debug_log.h"
 
@@ -140,6 +143,80 @@ DWORD DeviceControl(HANDLE device, DWORD code, const void* in, DWORD inSize, voi
         return 0;
     }
     return LastErrorOr();
+}
+
+namespace {
+
+constexpr DWORD kGptEntryBytes = 128;
+
+// The empty layout of `style` for a disk of `geometry`, as the bytes
+// IOCTL_DISK_SET_DRIVE_LAYOUT_EX takes.
+std::vector<BYTE> EmptyLayout(bool gpt, DWORD signature, const GUID& diskGuid,
+                              const DISK_GEOMETRY_EX& geometry) {
+    // An MBR layout always lists its four primary entries, unused or not.
+    const DWORD count = gpt ? 0 : 4;
+    const size_t bytes =
+        offsetof(DRIVE_LAYOUT_INFORMATION_EX, PartitionEntry) + (count ? count : 1) * sizeof(PARTITION_INFORMATION_EX);
+    std::vector<BYTE> buffer(bytes, 0);
+    auto* layout = reinterpret_cast<DRIVE_LAYOUT_INFORMATION_EX*>(buffer.data());
+    layout->PartitionCount = count;
+    if (!gpt) {
+        layout->PartitionStyle = PARTITION_STYLE_MBR;
+        layout->Mbr.Signature = signature;
+        for (DWORD i = 0; i < count; ++i) {
+            PARTITION_INFORMATION_EX& entry = layout->PartitionEntry[i];
+            entry.PartitionStyle = PARTITION_STYLE_MBR;
+            entry.RewritePartition = TRUE;
+            entry.Mbr.PartitionType = PARTITION_ENTRY_UNUSED;
+        }
+        return buffer;
+    }
+    const ULONGLONG sector = geometry.Geometry.BytesPerSector;
+    const ULONGLONG sectors = static_cast<ULONGLONG>(geometry.DiskSize.QuadPart) / sector;
+    const ULONGLONG arraySectors = (kNewGptEntries * kGptEntryBytes + sector - 1) / sector;
+    const ULONGLONG first = 2 + arraySectors;            // after the MBR, header and entry array
+    const ULONGLONG last = sectors - 2 - arraySectors;   // before the backup array and header
+    layout->PartitionStyle = PARTITION_STYLE_GPT;
+    layout->Gpt.DiskId = diskGuid;
+    layout->Gpt.StartingUsableOffset.QuadPart = static_cast<LONGLONG>(first * sector);
+    layout->Gpt.UsableLength.QuadPart = static_cast<LONGLONG>((last - first + 1) * sector);
+    layout->Gpt.MaxPartitionCount = kNewGptEntries;
+    return buffer;
+}
+
+}  // namespace
+
+DWORD WriteEmptyPartitionTable(const std::wstring& path, bool gpt, DWORD signature, const GUID& diskGuid,
+                               TableStep* failed) {
+    *failed = TableStep::kOpen;
+    const unique_device disk = OpenDevice(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE);
+    if (!disk) return LastErrorOr();
+    // The geometry first: a GPT's usable area depends on the sector size.
+    *failed = TableStep::kGeometry;
+    DISK_GEOMETRY_EX geometry{};
+    if (const DWORD rc =
+            DeviceControl(disk.get(), IOCTL_DISK_GET_DRIVE_GEOMETRY_EX, nullptr, 0, &geometry, sizeof(geometry)))
+        return rc;
+    const ULONGLONG sector = geometry.Geometry.BytesPerSector;
+    const ULONGLONG arraySectors = sector ? (kNewGptEntries * kGptEntryBytes + sector - 1) / sector : 0;
+    if (sector < 512 || static_cast<ULONGLONG>(geometry.DiskSize.QuadPart) / sector < 2 * arraySectors + 4)
+        return ERROR_INVALID_DATA;
+    *failed = TableStep::kCreate;
+    CREATE_DISK create{};
+    if (!gpt) {
+        create.PartitionStyle = PARTITION_STYLE_MBR;
+        create.Mbr.Signature = signature;
+    } else {
+        create.PartitionStyle = PARTITION_STYLE_GPT;
+        create.Gpt.DiskId = diskGuid;
+        create.Gpt.MaxPartitionCount = kNewGptEntries;
+    }
+    if (const DWORD rc = DeviceControl(disk.get(), IOCTL_DISK_CREATE_DISK, &create, sizeof(create), nullptr, 0))
+        return rc;
+    *failed = TableStep::kLayout;
+    std::vector<BYTE> layout = EmptyLayout(gpt, signature, diskGuid, geometry);
+    return DeviceControl(disk.get(), IOCTL_DISK_SET_DRIVE_LAYOUT_EX, layout.data(), static_cast<DWORD>(layout.size()),
+                         nullptr, 0);
 }
 
 }  // namespace kx::platform

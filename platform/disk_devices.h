@@ -88,4 +88,22 @@ unique_device OpenDevice(const std::wstring& path, DWORD access, DWORD share, DW
 DWORD DeviceControl(HANDLE device, DWORD code, const void* in, DWORD inSize, void* out, DWORD outSize,
                     DWORD* returned = nullptr);
 
+// Entries of a new GPT.
+inline constexpr DWORD kNewGptEntries = 128;
+
+// The step of WriteEmptyPartitionTable that failed.
+enum class TableStep { kOpen, kGeometry, kCreate, kLayout };
+
+// Gives the disk at `path` a new, empty partition table, and nothing else:
+// - MBR (`gpt` false): `signature` at byte 440 and four unused entries;
+// - GPT: a protective MBR, `diskGuid`, 128 unused entries, the usable area
+//   from the first sector after the primary entry array to the last one
+//   before the backup array (sized from IOCTL_DISK_GET_DRIVE_GEOMETRY_EX).
+// The disk is opened read-write (sharing read and write), then
+// IOCTL_DISK_CREATE_DISK and IOCTL_DISK_SET_DRIVE_LAYOUT_EX are sent.
+// Returns 0, or the failing step's error with *failed set to the step (a
+// geometry too small for a GPT gives ERROR_INVALID_DATA at kGeometry).
+DWORD WriteEmptyPartitionTable(const std::wstring& path, bool gpt, DWORD signature, const GUID& diskGuid,
+                               TableStep* failed);
+
 }  // namespace kx::platform

@@ -14,6 +14,12 @@
 //   iso_bench <work> --write <MiB> <KiB>   WriteFile of <MiB> into a new
 //                                    file in <KiB> chunks: what writing the
 //                                    image alone costs at the moment
+//   iso_bench <work> --floor <tree>  the least any Win32 image writer does
+//                                    with <tree>: list every folder, open each
+//                                    file once, read it whole, close it, and
+//                                    write all of the data into one file in
+//                                    1 MiB pieces, on one thread; no layout,
+//                                    no checks
 #include <windows.h>
 
 #include <psapi.h>
@@ -112,6 +118,49 @@ double WriteSeconds(const std::wstring& path, unsigned long long bytes, DWORD ch
         DWORD put = 0;
         for (unsigned long long done = 0; done < bytes; done += chunk) ::WriteFile(f.get(), buf.data(), chunk, &put, nullptr);
     });
+}
+
+// The floor: walk, one open, read and close per file, one output file.
+int Floor(const std::wstring& work, const std::wstring& tree) {
+    const std::wstring out = work + L"\\iso-floor.bin";
+    std::vector<char> buf(1 << 20);
+    unsigned long long files = 0, bytes = 0;
+    bool ok = true;
+    const double s = Seconds([&] {
+        kx::unique_hfile image(
+            ::CreateFileW(out.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+        ok = static_cast<bool>(image);
+        std::vector<std::wstring> todo{tree};
+        while (ok && !todo.empty()) {
+            const std::wstring dir = std::move(todo.back());
+            todo.pop_back();
+            WIN32_FIND_DATAW fd;
+            kx::unique_hfind find(::FindFirstFileExW((dir + L"\\*").c_str(), FindExInfoBasic, &fd,
+                                                     FindExSearchNameMatch, nullptr, FIND_FIRST_EX_LARGE_FETCH));
+            if (!find) break;
+            do {
+                const std::wstring name = fd.cFileName, path = dir + L"\\" + name;
+                if (name == L"." || name == L"..") continue;
+                if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
+                    todo.push_back(path);
+                    continue;
+                }
+                kx::unique_hfile f(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                                 FILE_ATTRIBUTE_NORMAL, nullptr));
+                DWORD got = 0, put = 0;
+                while (ok && f && ::ReadFile(f.get(), buf.data(), static_cast<DWORD>(buf.size()), &got, nullptr) &&
+                       got) {
+                    ok = ::WriteFile(image.get(), buf.data(), got, &put, nullptr) && put == got;
+                    bytes += got;
+                }
+                ++files;
+            } while (ok && ::FindNextFileW(find.get(), &fd));
+        }
+    });
+    ::DeleteFileW(out.c_str());
+    if (!ok) return std::printf("floor: writing [%ls] failed\n", out.c_str()), 1;
+    std::printf("floor: %llu files, %llu MB: %.3f s\n", files, bytes / 1000000, s);
+    return 0;
 }
 
 int Once(const std::wstring& work, const std::wstring& tree) {
@@ -269,7 +318,7 @@ int Micro(const std::wstring& work, const std::wstring& tree) {
 
 int wmain(int argc, wchar_t** argv) {
     if (argc < 3) {
-        std::fprintf(stderr, "usage: iso_bench <work> --tree | --once <tree> | --phases | --micro | --write <MiB> <KiB>\n");
+        std::fprintf(stderr, "usage: iso_bench <work> --tree | --once <tree> | --phases | --micro | --write <MiB> <KiB> | --floor <tree>\n");
         return 2;
     }
     const std::wstring work = argv[1];
@@ -283,6 +332,8 @@ int wmain(int argc, wchar_t** argv) {
     int rc = 0;
     if (mode == L"--once" && argc > 3)
         rc = Once(work, argv[3]);
+    else if (mode == L"--floor" && argc > 3)
+        rc = Floor(work, argv[3]);
     else if (mode == L"--phases")
         rc = Phases(work, tree);
     else if (mode == L"--micro")

@@ -30,6 +30,7 @@ struct Item {
     uint64_t size = 0;
     FILETIME modified{};
     std::wstring path;         // a file of a folder tree
+    std::shared_ptr<HeldFile> held;  // its handle from the addition, if kept
     com_ptr<IStream> stream;   // a file added as a stream
     std::vector<std::unique_ptr<Item>> children;
 };
@@ -77,8 +78,9 @@ HRESULT LastError() {
 
 // Reads a folder tree into `out` (a folder item named after the folder):
 // names, sizes and times from the folder listings, and every file opened
-// once to be sure it can be read.
-HRESULT ReadTree(const std::wstring& folder, Item& out) {
+// to be sure it can be read. While `holdLeft` allows, that handle is kept
+// for writing the file's data.
+HRESULT ReadTree(const std::wstring& folder, Item& out, size_t& holdLeft) {
     struct Pending {
         std::wstring path;
         Item* item;
@@ -111,12 +113,10 @@ HRESULT ReadTree(const std::wstring& folder, Item& out) {
                 item->directory = true;
                 todo.push_back({path, item.get()});
             } else {
-                // Opened once here, so that an unreadable file fails the addition.
+                // Opened here, so that an unreadable file fails the addition.
                 // (Opening on several threads was measured to gain nothing under
                 // Wine, where each open and close is a round trip to its server.)
-                unique_hfile probe(::CreateFileW(path.c_str(), GENERIC_READ,
-                                                 FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                                 OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+                unique_hfile probe = OpenForReading(path);
                 if (!probe) {
                     const HRESULT hr = LastError();
                     LogErr(0, hr, L"Image writer: cannot read [%s]", path.c_str());
@@ -124,6 +124,10 @@ HRESULT ReadTree(const std::wstring& folder, Item& out) {
                 }
                 item->size = (static_cast<uint64_t>(fd.nFileSizeHigh) << 32) | fd.nFileSizeLow;
                 item->path = path;
+                if (holdLeft) {
+                    item->held = std::make_shared<HeldFile>(std::move(probe));
+                    --holdLeft;
+                }
             }
             p.item->children.push_back(std::move(item));
         } while (::FindNextFileW(find.get(), &fd));
@@ -140,6 +144,7 @@ HRESULT ReadTree(const std::wstring& folder, Item& out) {
 
 struct Source {
     std::wstring path;
+    std::shared_ptr<HeldFile> held;
     com_ptr<IStream> stream;
     FILETIME modified{};
     uint64_t size = 0;
@@ -159,7 +164,7 @@ void Order(Snapshot& snap) {
         Source& s = snap.sources[extent.source];
         s.order = snap.files.size();
         snap.streams = snap.streams || s.stream;
-        snap.files.push_back(AheadFile{s.stream ? std::wstring() : s.path, s.size, s.modified});
+        snap.files.push_back(AheadFile{s.stream ? std::wstring() : s.path, s.size, s.modified, s.held});
     }
 }
 
@@ -173,6 +178,7 @@ void Collect(const Item& item, TreeNode& node, std::vector<Source>& sources) {
         node.source = sources.size();
         Source s;
         s.path = item.path;
+        s.held = item.held;
         if (item.stream) {
             item.stream->AddRef();
             *s.stream.put() = item.stream.get();
@@ -197,6 +203,7 @@ public:
         if (s.stream) return FromStream(s, offset, data, bytes);
         if (key != openKey_) {
             openKey_ = ~0ull;
+            current_ = FilesAhead::Opened{};  // gives a held file back before the next is taken
             if (!ahead_) ahead_ = std::make_unique<FilesAhead>(snap_->files);
             current_ = ahead_->Take(s.order);
             if (FAILED(current_.hr)) {
@@ -597,6 +604,7 @@ private:
     // folder, backslashes between components), and that component.
     HRESULT Parent(const wchar_t* path, Item** parent, std::wstring* name);
     HRESULT Attach(Item* parent, std::unique_ptr<Item> child);
+    HRESULT AttachContents(Item& tree);
 
     Image* image_;  // holds a reference
     Item* item_;
@@ -605,7 +613,7 @@ private:
 
 class Image final : public Dispatch<IFileSystemImage> {
 public:
-    Image() {
+    explicit Image(size_t heldFiles) : holdLeft_(heldFiles) {
         root_.directory = true;
         root_.modified = Now();
     }
@@ -751,6 +759,9 @@ public:
     HRESULT STDMETHODCALLTYPE get_MultisessionInterfaces(void**) override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE put_MultisessionInterfaces(void*) override { return E_NOTIMPL; }
 
+    // How many more files of added trees may be kept open.
+    size_t& HoldBudget() { return holdLeft_; }
+
     // 0xC0AAB120 when `blocks` more would pass the size limit.
     HRESULT Fits(uint64_t blocks) {
         if (limitBlocks_ && Blocks(root_) + blocks > limitBlocks_) return kImageSizeLimit;
@@ -778,6 +789,7 @@ private:
     std::wstring volume_;
     FsiFileSystems fileSystems_ = static_cast<FsiFileSystems>(FsiFileSystemISO9660 | FsiFileSystemJoliet);
     uint64_t limitBlocks_ = 0;
+    size_t holdLeft_;
 };
 
 FolderItem::FolderItem(Image* image, Item* item, std::wstring fullPath)
@@ -860,24 +872,33 @@ HRESULT FolderItem::AddTree(BSTR source, VARIANT_BOOL includeBase) {
     if (tree->name.empty() || tree->name.back() == L':') tree->name = L"ROOT";
     WIN32_FILE_ATTRIBUTE_DATA fa{};
     tree->modified = ::GetFileAttributesExW(folder.c_str(), GetFileExInfoStandard, &fa) ? fa.ftLastWriteTime : Now();
-    if (HRESULT hr = ReadTree(folder, *tree); FAILED(hr)) return hr;
-    if (includeBase != VARIANT_FALSE) return Attach(item_, std::move(tree));
-    // The contents alone: all of them or none.
-    for (const auto& c : tree->children)
+    // A tree that is not added closes the files it held, and gives them back
+    // to the budget.
+    size_t& budget = image_->HoldBudget();
+    const size_t before = budget;
+    HRESULT hr = ReadTree(folder, *tree, budget);
+    if (SUCCEEDED(hr)) hr = includeBase != VARIANT_FALSE ? Attach(item_, std::move(tree)) : AttachContents(*tree);
+    if (FAILED(hr)) budget = before;
+    return hr;
+}
+
+HRESULT FolderItem::AttachContents(Item& tree) {
+    // All of them or none.
+    for (const auto& c : tree.children)
         if (Find(*item_, c->name)) {
             Log(0, L"Image writer: [%s] is in the image already", c->name.c_str());
             return kDuplicateName;
         }
-    if (HRESULT hr = image_->Fits(Blocks(*tree) - 1); FAILED(hr)) return hr;
-    for (auto& c : tree->children) item_->children.push_back(std::move(c));
+    if (HRESULT hr = image_->Fits(Blocks(tree) - 1); FAILED(hr)) return hr;
+    for (auto& c : tree.children) item_->children.push_back(std::move(c));
     return S_OK;
 }
 
 }  // namespace
 
-HRESULT CreateBuiltinImage(IFileSystemImage** image) {
+HRESULT CreateBuiltinImage(IFileSystemImage** image, size_t heldFiles) {
     if (!image) return E_POINTER;
-    *image = new (std::nothrow) Image();
+    *image = new (std::nothrow) Image(heldFiles);
     return *image ? S_OK : E_OUTOFMEMORY;
 }
 

@@ -12,21 +12,32 @@ HRESULT LastError() {
     return HRESULT_FROM_WIN32(e ? e : ERROR_GEN_FAILURE);
 }
 
+}  // namespace
+
 unique_hfile OpenForReading(const std::wstring& path) {
     return unique_hfile(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                       nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN,
                                       nullptr));
 }
 
-}  // namespace
-
 FilesAhead::Opened FilesAhead::Open(const AheadFile& file) {
     Opened o;
     if (file.path.empty()) return o;
-    unique_hfile f = OpenForReading(file.path);
-    if (!f) {
-        o.hr = LastError();
-        return o;
+    ReadHandle f;
+    if (file.held && !file.held->lent.exchange(true)) {
+        f = ReadHandle(file.held);
+        // An earlier reader may have left the position anywhere.
+        if (!::SetFilePointerEx(f.get(), LARGE_INTEGER{}, nullptr, FILE_BEGIN)) {
+            o.hr = LastError();
+            return o;
+        }
+    } else {
+        unique_hfile opened = OpenForReading(file.path);
+        if (!opened) {
+            o.hr = LastError();
+            return o;
+        }
+        f = ReadHandle(std::move(opened));
     }
     // Size and time only: the whole handle information would also ask for
     // the volume's serial number, a costly question per file.

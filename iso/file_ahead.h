@@ -11,11 +11,18 @@
 // may ask for any file in any order; a file outside the window restarts the
 // workers there. What is held ahead is bounded by the window, never by the
 // size of the data.
+//
+// A file may come with the handle it was opened with when it was added to
+// the image (a HeldFile). That handle is then used instead of a second
+// open; as its file position is shared, one reader at a time borrows it,
+// and a reader that finds it borrowed opens the file by name.
 #pragma once
 
 #include <windows.h>
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -54,10 +61,53 @@ private:
 };
 
 
+// Opens a source file to be read from start to end, leaving others free to
+// read, write, rename and delete it.
+unique_hfile OpenForReading(const std::wstring& path);
+
+// A file kept open since it was added to the image.
+struct HeldFile {
+    explicit HeldFile(unique_hfile f) noexcept : file(std::move(f)) {}
+    unique_hfile file;
+    std::atomic<bool> lent{false};
+};
+
+// The handle a file is read through: opened for this reader and closed
+// with it, or a held file's handle, lent to it and given back with it.
+class ReadHandle {
+public:
+    ReadHandle() = default;
+    explicit ReadHandle(unique_hfile own) noexcept : own_(std::move(own)) {}
+    // `held` must have been taken (its `lent` set) by the caller.
+    explicit ReadHandle(std::shared_ptr<HeldFile> held) noexcept : held_(std::move(held)) {}
+    ReadHandle(ReadHandle&&) noexcept = default;
+    ReadHandle& operator=(ReadHandle&& other) noexcept {
+        if (this != &other) {
+            GiveBack();
+            own_ = std::move(other.own_);
+            held_ = std::move(other.held_);
+        }
+        return *this;
+    }
+    ~ReadHandle() { GiveBack(); }
+
+    HANDLE get() const noexcept { return held_ ? held_->file.get() : own_.get(); }
+    explicit operator bool() const noexcept { return held_ ? static_cast<bool>(held_->file) : static_cast<bool>(own_); }
+
+private:
+    void GiveBack() noexcept {
+        if (held_) held_->lent.store(false);
+        held_.reset();
+    }
+    unique_hfile own_;
+    std::shared_ptr<HeldFile> held_;
+};
+
 struct AheadFile {
     std::wstring path;  // empty: not a file on disk; served as "nothing to open"
     uint64_t size = 0;
     FILETIME modified{};
+    std::shared_ptr<HeldFile> held;  // the handle from the addition, if kept
 };
 
 class FilesAhead {
@@ -72,7 +122,7 @@ public:
         bool changed = false;  // size or time differ from the recorded ones
         bool ended = false;    // a small file ended before its recorded size
         uint64_t sizeNow = 0;
-        unique_hfile file;          // large files, at offset 0
+        ReadHandle file;            // large files, at offset 0
         std::vector<uint8_t> data;  // small files, whole
     };
 

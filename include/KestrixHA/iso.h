@@ -10,7 +10,14 @@
 // ";1") and a Joliet tree with the original names up to 64 UTF-16 units,
 // files of 4 GiB and more as multi-extent files, and every file's
 // last-write time. It reads file data only while the image is written, so
-// its memory use depends on the number of names, not on the data.
+// its memory use depends on the number of names, not on the data. It opens
+// each file of an added folder once, when the folder is added, and keeps it
+// open for the writing (up to 16,384 files per image; later ones are opened
+// again when written): until the FileSystemImage is destroyed, those files
+// can be read, written, renamed and deleted by others but not opened
+// exclusively. A file whose size or last-write time changes before the
+// image is written fails the image; a held one renamed or deleted
+// meanwhile is written with the data it had.
 //
 // The calling thread must have initialised COM; nothing here does. One
 // object serves one thread.

@@ -9,6 +9,7 @@
 
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "common/unique_resource.h"
@@ -36,7 +37,7 @@ std::string Content(size_t i) {
 AheadFile Record(const std::wstring& path) {
     WIN32_FILE_ATTRIBUTE_DATA a{};
     EXPECT_TRUE(::GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &a));
-    return AheadFile{path, (static_cast<uint64_t>(a.nFileSizeHigh) << 32) | a.nFileSizeLow, a.ftLastWriteTime};
+    return AheadFile{path, (static_cast<uint64_t>(a.nFileSizeHigh) << 32) | a.nFileSizeLow, a.ftLastWriteTime, nullptr};
 }
 
 std::wstring Name(size_t i) { return L"f" + std::to_wstring(1000 + i) + L".bin"; }
@@ -163,9 +164,10 @@ private:
     std::string bytes_;
 };
 
-kx::com_ptr<IFileSystemImageResult> ImageOf(const std::wstring& folder) {
+kx::com_ptr<IFileSystemImageResult> ImageOf(const std::wstring& folder,
+                                            size_t heldFiles = kx::iso::kDefaultHeldFiles) {
     kx::com_ptr<IFileSystemImage> image;
-    EXPECT_EQ(kx::iso::CreateBuiltinImage(image.put()), S_OK);
+    EXPECT_EQ(kx::iso::CreateBuiltinImage(image.put(), heldFiles), S_OK);
     kx::com_ptr<IFsiDirectoryItem> root;
     EXPECT_EQ(image->get_Root(root.put()), S_OK);
     BSTR path = ::SysAllocString(folder.c_str());
@@ -210,6 +212,83 @@ TEST(IsoAhead, ReadsAtAnyOffsetGiveTheBytesOfTheCopiedImage) {
         ASSERT_EQ(read, std::min(len, whole.bytes().size() - at));
         ASSERT_EQ(got.substr(0, read), whole.bytes().substr(at, read)) << "at " << at << ", " << len << " bytes";
     }
+
+    // Two copies at once: one reader borrows each held file, the other
+    // opens it by name; both give the same image.
+    MemorySink a, b;
+    std::thread other([&] {
+        EXPECT_EQ(CopyAll(result.get(), &b, nullptr), S_OK);
+    });
+    EXPECT_EQ(CopyAll(result.get(), &a, nullptr), S_OK);
+    other.join();
+    EXPECT_TRUE(a.bytes() == whole.bytes() && b.bytes() == whole.bytes());
+}
+
+// The last name of a folder's listing: the file a tree reading fails at
+// after every other file has been opened.
+std::wstring LastListed(const std::wstring& folder) {
+    WIN32_FIND_DATAW fd;
+    kx::unique_hfind find(::FindFirstFileW((folder + L"\\*").c_str(), &fd));
+    std::wstring last;
+    if (find) {
+        do last = fd.cFileName;
+        while (::FindNextFileW(find.get(), &fd));
+    }
+    return last;
+}
+
+TEST(IsoAhead, HeldFilesAreWrittenAfterTheirNamesAreGoneAndAFailedTreeGivesItsBack) {
+    kxtest::ScratchDir dir;
+    for (const size_t held : {kFiles, kFiles - 1}) {
+        const std::wstring failing = dir / (L"failing" + std::to_wstring(held));
+        const std::wstring kept = dir / (L"kept" + std::to_wstring(held));
+        WriteTree(failing, nullptr);
+        WriteTree(kept, nullptr);
+        kx::com_ptr<IFileSystemImage> image;
+        ASSERT_EQ(kx::iso::CreateBuiltinImage(image.put(), held), S_OK);
+        kx::com_ptr<IFsiDirectoryItem> root;
+        ASSERT_EQ(image->get_Root(root.put()), S_OK);
+        {
+            // Every file but the last listed is opened (and held) before the
+            // tree fails; the failed tree must give them back.
+            kx::unique_hfile lock(::CreateFileW((failing + L"\\" + LastListed(failing)).c_str(), GENERIC_READ, 0,
+                                                nullptr, OPEN_EXISTING, 0, nullptr));
+            ASSERT_TRUE(lock);
+            BSTR path = ::SysAllocString(failing.c_str());
+            EXPECT_EQ(root->AddTree(path, VARIANT_TRUE), HRESULT_FROM_WIN32(ERROR_SHARING_VIOLATION));
+            ::SysFreeString(path);
+        }
+        BSTR path = ::SysAllocString(kept.c_str());
+        ASSERT_EQ(root->AddTree(path, VARIANT_TRUE), S_OK);
+        ::SysFreeString(path);
+        kx::com_ptr<IFileSystemImageResult> result;
+        ASSERT_EQ(image->CreateResultImage(result.put()), S_OK);
+        image.reset();
+        root.reset();
+        // Renamed rather than deleted: a deleted file that is still open may
+        // keep its name until it is closed.
+        for (size_t i = 0; i < kFiles; ++i) {
+            const std::wstring from = kept + L"\\" + Name(i);
+            ASSERT_TRUE(::MoveFileW(from.c_str(), (from + L".moved").c_str())) << i;
+        }
+        MemorySink sink;
+        const HRESULT hr = CopyAll(result.get(), &sink, nullptr);
+        if (held == kFiles) {
+            // All held: every file is in the image with the bytes it had.
+            ASSERT_EQ(hr, S_OK);
+            for (size_t i = 0; i < kFiles; ++i) {
+                if (Content(i).empty()) continue;
+                EXPECT_NE(sink.bytes().find(Content(i)), std::string::npos) << i;
+            }
+            // The first copy gave every held file back.
+            MemorySink again;
+            EXPECT_EQ(CopyAll(result.get(), &again, nullptr), S_OK);
+            EXPECT_TRUE(again.bytes() == sink.bytes());
+        } else {
+            // One file past the budget is looked for by name, and is gone.
+            EXPECT_EQ(hr, HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND));
+        }
+    }
 }
 
 TEST(IsoAhead, ACopyStopsAtTheFirstFailureOnEitherSide) {
@@ -224,13 +303,13 @@ TEST(IsoAhead, ACopyStopsAtTheFirstFailureOnEitherSide) {
     } cases[] = {
         {"the sink refuses the first chunk", 0, nullptr, kFull},
         {"the sink is full after one chunk", (1 << 20) + 4096, nullptr, kFull},
-        {"a file goes away", ~0ull, L"f1150.bin", HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)},
-        {"the last file goes away", ~0ull, L"f1199.bin", HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)},
+        {"a file not held goes away", ~0ull, L"f1150.bin", HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)},
+        {"the last file, not held, goes away", ~0ull, L"f1199.bin", HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)},
     };
     for (const auto& c : cases) {
         const std::wstring folder = dir / (L"t" + std::to_wstring(&c - cases));
         WriteTree(folder, nullptr);
-        kx::com_ptr<IFileSystemImageResult> result = ImageOf(folder);
+        kx::com_ptr<IFileSystemImageResult> result = ImageOf(folder, 0);
         if (c.remove) {
             ASSERT_TRUE(::DeleteFileW((folder + L"\\" + c.remove).c_str()));
         }

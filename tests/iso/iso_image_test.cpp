@@ -137,21 +137,38 @@ TEST_F(IsoImages, UnreadableAndChangingSources) {
         EXPECT_EQ(image.AddFile(dir / L"src\\free.bin"), 0u);
     }
     // A file that changes between its addition and the writing of the image:
-    // the result stays 0 and no image file is left.
+    // the result stays 0 and no image file is left. The image holds its
+    // files open from their addition, sharing them with writers; a program
+    // that wants one exclusively meanwhile is refused.
     kxtest::LogCursor log;
-    IMAPIWrapper::FileSystemImage image;
-    EXPECT_EQ(image.AddDirectory(dir / L"src", false), 0u);
-    kxtest::WriteText(dir / L"src\\free.bin", "free, and longer now");
-    EXPECT_EQ(image.CreateImage(dir / L"changed.iso"), 0u);
-    EXPECT_FALSE(kxtest::Exists(dir / L"changed.iso"));
-    EXPECT_TRUE(log.Contains(L"free.bin] changed while the image was made"));
-    EXPECT_TRUE(log.Contains(L"the partial file is removed"));
-    // A file that is gone.
+    auto open = [&](const wchar_t* name, DWORD access, DWORD share) {
+        return kx::unique_hfile(
+            ::CreateFileW((dir / name).c_str(), access, share, nullptr, OPEN_EXISTING, 0, nullptr));
+    };
+    const DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    {
+        IMAPIWrapper::FileSystemImage image;
+        EXPECT_EQ(image.AddDirectory(dir / L"src", false), 0u);
+        EXPECT_FALSE(open(L"src\\free.bin", GENERIC_WRITE, 0));
+        {
+            kx::unique_hfile writer = open(L"src\\free.bin", GENERIC_WRITE, shareAll);
+            ASSERT_TRUE(writer);
+            DWORD put = 0;
+            ASSERT_TRUE(::SetFilePointer(writer.get(), 0, nullptr, FILE_END) != INVALID_SET_FILE_POINTER);
+            ASSERT_TRUE(::WriteFile(writer.get(), ", and longer now", 16, &put, nullptr));
+        }
+        EXPECT_EQ(image.CreateImage(dir / L"changed.iso"), 0u);
+        EXPECT_FALSE(kxtest::Exists(dir / L"changed.iso"));
+        EXPECT_TRUE(log.Contains(L"free.bin] changed while the image was made"));
+        EXPECT_TRUE(log.Contains(L"the partial file is removed"));
+    }
+    EXPECT_TRUE(open(L"src\\free.bin", GENERIC_WRITE, 0));
+    // A file renamed after its addition is written from the handle kept since.
     IMAPIWrapper::FileSystemImage again;
     EXPECT_EQ(again.AddDirectory(dir / L"src", false), 0u);
-    ::DeleteFileW((dir / L"src\\locked.bin").c_str());
-    EXPECT_EQ(again.CreateImage(dir / L"gone.iso"), 0u);
-    EXPECT_FALSE(kxtest::Exists(dir / L"gone.iso"));
+    ASSERT_TRUE(::MoveFileW((dir / L"src\\locked.bin").c_str(), (dir / L"moved.bin").c_str()));
+    EXPECT_EQ(again.CreateImage(dir / L"moved.iso"), 0u);
+    EXPECT_TRUE(kxtest::Exists(dir / L"moved.iso"));
 }
 
 }  // namespace

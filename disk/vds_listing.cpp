@@ -1,8 +1,7 @@
 #include "disk/vds_listing.h"
 
-#include <cwctype>
-
 #include "common/unique_resource.h"
+#include "common/wstring_format.h"
 #include "disk/vds_session.h"
 #include "log/call_frame.h"
 #include "log/debug_log.h"
@@ -12,13 +11,6 @@ namespace kx::disk {
 namespace {
 
 constexpr DWORD kFileDeviceDisk = 7;  // FILE_DEVICE_DISK
-
-bool EqualNoCase(const std::wstring& a, const std::wstring& b) {
-    if (a.size() != b.size()) return false;
-    for (size_t i = 0; i < a.size(); ++i)
-        if (std::towlower(a[i]) != std::towlower(b[i])) return false;
-    return true;
-}
 
 HRESULT ReadDisks(CVdsService& service, std::vector<VdsDiskRecord>& out) {
     Log(2, L"begin GetOnlineDisks");
@@ -95,7 +87,7 @@ bool SameIdentityMounted(CVdsService& service, const std::vector<std::wstring>& 
         const std::wstring identity = p->Identity();
         if (identity.empty()) continue;
         for (const std::wstring& wanted : identities) {
-            if (!EqualNoCase(identity, wanted)) continue;
+            if (!EqualsNoCase(identity, wanted)) continue;
             Log(1, L"Disk %s with same signature %s has been mounted.", p->name.c_str(), wanted.c_str());
             return true;
         }

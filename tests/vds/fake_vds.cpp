@@ -140,7 +140,6 @@ struct FakeProvider final : public IVdsProvider, public IVdsSwProvider {
         *p = {};
         p->id = id;
         p->pwszName = Dup(Wide(name));
-        p->pwszVersion = Dup(L"1.0");
         p->type = VDS_PT_SOFTWARE;
         p->ulFlags = dynamic ? static_cast<ULONG>(VDS_PF_DYNAMIC) : 0u;
         return S_OK;
@@ -217,8 +216,6 @@ struct FakeDisk final : public IVdsDisk, public IVdsDiskOnline {
         if (style == VDS_PST_GPT) p->DiskGuid = guid;
         if (style == VDS_PST_MBR) p->dwSignature = signature;
         p->pwszName = Dup(Name());
-        p->pwszFriendlyName = Dup(Wide(name));
-        p->pwszDevicePath = Dup(L"\\\\?\\fake#disk#" + Wide(name));
         return S_OK;
     }
     HRESULT STDMETHODCALLTYPE GetPack(IVdsPack** out) override {
@@ -467,7 +464,6 @@ FakeVds::FakeVds(const std::string& description) : service_(std::make_unique<Fak
             return opt.count(key) ? std::strtoull(opt[key].c_str(), nullptr, 0) : fallback;
         };
         if (kind == "loader") {
-            if (name.size()) opt[name] = "1";
             startingRounds = static_cast<int>(num("starting", 0));
             loadFailure = static_cast<HRESULT>(num("fail", 0));
             notReadyPolls = static_cast<int>(num("notready", 0));

@@ -61,7 +61,6 @@ public:
     int notReadyPolls = 0;
 
     FakeDisk* Disk(const std::string& name);
-    const std::vector<std::unique_ptr<FakeDisk>>& Disks() const { return disks_; }
 
     // Internal, for the objects.
     std::vector<std::unique_ptr<FakeProvider>> providers_;

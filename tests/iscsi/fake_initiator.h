@@ -24,7 +24,6 @@ public:
         std::vector<std::wstring> serves;  // targets a discovery through it finds
         bool reachable = true;             // false: every discovery answers "connection failed"
         unsigned readyAtMs = 0;            // a slow portal answers only from this time on
-        bool keptOnFailure = true;         // a failed add still leaves it in the list
     };
     struct Target {
         std::vector<IscsiPortal> portals;
@@ -84,10 +83,9 @@ public:
     }
     DWORD AddSendTargetPortal(const IscsiPortal& p) override {
         calls.push_back(L"Add " + Key(p));
-        const DWORD rc = Discover(p);
-        if (rc == 0 || Find(p) == nullptr || portals[Key(p)].keptOnFailure)
-            if (!Listed(p)) sendTargets.push_back(p);
-        return rc;
+        // Like a real initiator, a failed add still leaves the portal listed.
+        if (!Listed(p)) sendTargets.push_back(p);
+        return Discover(p);
     }
     DWORD RemoveSendTargetPortal(const IscsiPortal& p) override {
         calls.push_back(L"Remove " + Key(p));

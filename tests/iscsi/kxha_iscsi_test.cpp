@@ -1,5 +1,6 @@
 // kxha iscsi through the DLL: refusals of bad names and addresses, and what
-// a host without an iSCSI initiator library (Wine) gets.
+// a host without an iSCSI initiator library (Wine) gets: the library loads
+// it on first use and answers with the loader's code.
 #include <gtest/gtest.h>
 
 #include "kx_test.h"
@@ -33,14 +34,13 @@ TEST(KxhaIscsi, RefusalsAndAHostWithoutInitiator) {
         bool needsNoInitiator;
     } cases[] = {
         {L"iscsi discover 10.20.0.300", 1, "DiscoverTarget failed, rc = 87 (0x00000057): not a portal address", false},
-        {L"iscsi discover 10.20.0.5:65536", 1, "rc = 87", false},
         {L"iscsi attach iqn.2010-13.com.nutanix:x", 1, "not an iSCSI name or portal address", false},
         {L"iscsi logout some-target", 1, "neither a session id nor an iSCSI name", false},
         {L"iscsi", 2, "usage: kxha iscsi iqn", false},
         {L"iscsi discover", 2, "usage: kxha iscsi iqn", false},
         {L"iscsi iqn", 1, "GetIqnNumber failed, rc = 126 (0x0000007E): this host has no iSCSI initiator", true},
-        {L"iscsi iqn --json", 1, "GetIqnNumber failed, rc = 126", true},
         {L"iscsi logout iqn.2010-06.com.nutanix:vg-1-tgt0", 1, "LogoutIscsiSession failed, rc = 126", true},
+        {L"iscsi discover 127.0.0.1", 1, "DiscoverTarget failed, rc = 126", true},
     };
     for (const auto& c : cases) {
         if (c.needsNoInitiator && !noInitiator) continue;

@@ -68,7 +68,6 @@ TEST_F(VssManagerTest, SetOfNamedVolumesFollowsTheProtocolAndIsDeletedOnce) {
     } cases[] = {
         {{L"C:"}, {kVolC}},
         {{L"D:\\", L"c:\\data\\vm", L"C:\\mnt"}, {kVolD, kVolC}},  // two names of C: share one snapshot
-        {{L"C:\\", L"D:\\"}, {kVolC, kVolD}},
     };
     for (const Case& c : cases) {
         fake_.calls.clear();
@@ -139,11 +138,8 @@ TEST_F(VssManagerTest, AsynchronousStepsThatLingerFailAreCancelledOrNeverEnd) {
         bool deletes;  // DeleteSnapshots is called (part of the set may exist)
     } cases[] = {
         {L"GatherWriterMetadata", {2, End::Failed, veto}, veto, false},
-        {L"GatherWriterMetadata", {0, End::Cancelled}, kx::hyperv::kVssStepCancelled, false},
         {L"GatherWriterMetadata", {0, End::Never}, kx::hyperv::kVssStepTimedOut, false},
-        {L"PrepareForBackup", {1, End::Failed, VSS_E_UNEXPECTED_WRITER_ERROR}, VSS_E_UNEXPECTED_WRITER_ERROR, false},
         {L"PrepareForBackup", {3, End::Cancelled}, kx::hyperv::kVssStepCancelled, false},
-        {L"PrepareForBackup", {0, End::Never}, kx::hyperv::kVssStepTimedOut, false},
         {L"DoSnapshotSet", {4, End::Failed, VSS_E_FLUSH_WRITES_TIMEOUT}, VSS_E_FLUSH_WRITES_TIMEOUT, true},
         {L"DoSnapshotSet", {0, End::Cancelled}, kx::hyperv::kVssStepCancelled, true},
         {L"DoSnapshotSet", {0, End::Never}, kx::hyperv::kVssStepTimedOut, true},
@@ -282,7 +278,6 @@ TEST_F(VssManagerTest, FailuresAreLoggedWithTheirNames) {
     fake_.script.fail[L"DoSnapshotSet"] = VSS_E_PROVIDER_VETO;
     EXPECT_EQ(static_cast<DWORD>(VSS_E_PROVIDER_VETO), MakeTwo());
     EXPECT_TRUE(log.Contains(L"DoSnapshotSet failed, hr = 0x80042306 (VSS_E_PROVIDER_VETO)"));
-    EXPECT_TRUE(log.Contains(L"IVssMgr::CreateSnapshotSet(2 volumes) starts"));
     EXPECT_TRUE(log.Contains(L"IVssMgr::CreateSnapshotSet() finished, hr = [0x80042306]"));
 }
 

@@ -27,10 +27,9 @@ DISKS = [
     ("short", 100, None),
 ]
 
-# name, source disk, sector size, style (1 MBR, 2 GPT), signature, GUID
+# name, source disk, sector size, style (1 MBR, 2 GPT), signature, GUID; new
+# tables on raw disks of 512-byte sectors are written by cloud_disk_test.
 WRITES = [
-    ("new_mbr", "raw", 512, 1, 0x5EED0001, ""),
-    ("new_gpt", "raw", 512, 2, 0, "0B5E7C11-2D3A-4E5F-9A8B-C7D6E5F4A3B2"),
     ("gpt_over_mbr", "mbr_b", 512, 2, 0, "A1B2C3D4-E5F6-4A7B-8C9D-0E1F2A3B4C5D"),
     ("mbr_over_gpt", "gpt_a", 512, 1, 0x0BADF00D, ""),
     ("new_gpt_4k", "raw", 4096, 2, 0, "FEEDFACE-0123-4567-89AB-CDEF01234567"),
@@ -142,8 +141,6 @@ def check(folder, out):
                     assert table["label"] == "dos" and int(table["id"], 16) == signature, table
                 else:
                     assert table["label"] == "gpt" and table["id"].upper() == guid, table
-                dump = subprocess.run(["sfdisk", "--dump", path], check=True, capture_output=True, text=True).stdout
-                assert ("label-id: 0x%08x" % signature if style == 1 else "label-id: " + guid) in dump, dump
             print("ok   %s" % name)
         except (AssertionError, OSError, subprocess.CalledProcessError, KeyError, ValueError) as e:
             failures += 1

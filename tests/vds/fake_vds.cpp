@@ -104,10 +104,7 @@ public:
         return S_OK;
     }
     HRESULT STDMETHODCALLTYPE Skip(ULONG) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE Reset() override {
-        at_ = 0;
-        return S_OK;
-    }
+    HRESULT STDMETHODCALLTYPE Reset() override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE Clone(IEnumVdsObject**) override { return E_NOTIMPL; }
 
     static HRESULT Make(std::vector<IUnknown*> items, IEnumVdsObject** out) {
@@ -364,7 +361,7 @@ public:
         ++world_->reenumerations;
         return S_OK;
     }
-    HRESULT STDMETHODCALLTYPE Refresh() override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE Refresh() override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE CleanupObsoleteMountPoints() override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE Advise(IUnknown*, DWORD*) override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE Unadvise(DWORD) override { return E_NOTIMPL; }
@@ -373,14 +370,8 @@ public:
         world_->serviceFlags |= flags;
         return S_OK;
     }
-    HRESULT STDMETHODCALLTYPE ClearFlags(ULONG flags) override {
-        world_->serviceFlags &= ~flags;
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE GetSANPolicy(VDS_SAN_POLICY* policy) override {
-        *policy = static_cast<VDS_SAN_POLICY>(world_->sanPolicy);
-        return S_OK;
-    }
+    HRESULT STDMETHODCALLTYPE ClearFlags(ULONG) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE GetSANPolicy(VDS_SAN_POLICY*) override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE SetSANPolicy(VDS_SAN_POLICY policy) override {
         world_->sanPolicy = policy;
         return S_OK;

@@ -42,7 +42,9 @@ CloudDiskLocateRequest Request(DWORD style, DWORD signature, const wchar_t* guid
     r.diskSize = k16MiB;
     r.signature = signature;
     r.unallocatedOnly = 1;
-    if (guid) EXPECT_EQ(::CLSIDFromString(guid, &r.diskGuid), S_OK);
+    if (guid) {
+        EXPECT_EQ(::CLSIDFromString(guid, &r.diskGuid), S_OK);
+    }
     wcscpy_s(r.diskPath, L"left over");
     return r;
 }

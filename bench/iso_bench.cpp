@@ -36,6 +36,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/dir_list.h"
 #include "common/unique_resource.h"
 #include "iso/builtin_image.h"
 #include "iso/file_system_image.h"
@@ -131,21 +132,10 @@ int Floor(const std::wstring& work, const std::wstring& tree) {
         kx::unique_hfile image(
             ::CreateFileW(out.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
         ok = static_cast<bool>(image);
-        std::vector<std::wstring> todo{tree};
-        while (ok && !todo.empty()) {
-            const std::wstring dir = std::move(todo.back());
-            todo.pop_back();
-            WIN32_FIND_DATAW fd;
-            kx::unique_hfind find(::FindFirstFileExW((dir + L"\\*").c_str(), FindExInfoBasic, &fd,
-                                                     FindExSearchNameMatch, nullptr, FIND_FIRST_EX_LARGE_FETCH));
-            if (!find) break;
-            do {
-                const std::wstring name = fd.cFileName, path = dir + L"\\" + name;
-                if (name == L"." || name == L"..") continue;
-                if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
-                    todo.push_back(path);
-                    continue;
-                }
+        std::function<void(const std::wstring&)> copy = [&](const std::wstring& dir) {
+            kx::ListDirectory(dir + L"\\*", [&](const WIN32_FIND_DATAW& fd) {
+                const std::wstring path = dir + L"\\" + fd.cFileName;
+                if (kx::IsFolder(fd)) return copy(path), ok;
                 kx::unique_hfile f(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                                  FILE_ATTRIBUTE_NORMAL, nullptr));
                 DWORD got = 0, put = 0;
@@ -155,8 +145,10 @@ int Floor(const std::wstring& work, const std::wstring& tree) {
                     bytes += got;
                 }
                 ++files;
-            } while (ok && ::FindNextFileW(find.get(), &fd));
-        }
+                return ok;
+            });
+        };
+        if (ok) copy(tree);
     });
     ::DeleteFileW(out.c_str());
     if (!ok) return std::printf("floor: writing [%ls] failed\n", out.c_str()), 1;

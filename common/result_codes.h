@@ -23,4 +23,8 @@ inline DWORD LastErrorOr(DWORD fallback = kFailNoCode) noexcept {
     return e ? e : fallback;
 }
 
+// GetLastError() as an HRESULT, for COM-style calls; a failure that left no
+// code is reported as ERROR_GEN_FAILURE.
+inline HRESULT LastErrorHresult() noexcept { return HRESULT_FROM_WIN32(LastErrorOr(ERROR_GEN_FAILURE)); }
+
 }  // namespace kx

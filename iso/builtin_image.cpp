@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/result_codes.h"
 #include "common/unique_resource.h"
 #include "iso/file_ahead.h"
 #include "iso/iso9660_layout.h"
@@ -71,11 +72,6 @@ HRESULT CopyText(const std::wstring& s, BSTR* out) {
     return *out ? S_OK : E_OUTOFMEMORY;
 }
 
-HRESULT LastError() {
-    const DWORD e = ::GetLastError();
-    return HRESULT_FROM_WIN32(e ? e : ERROR_GEN_FAILURE);
-}
-
 // Reads a folder tree into `out` (a folder item named after the folder):
 // names, sizes and times from the folder listings, and every file opened
 // to be sure it can be read. While `holdLeft` allows, that handle is kept
@@ -93,7 +89,7 @@ HRESULT ReadTree(const std::wstring& folder, Item& out, size_t& holdLeft) {
         unique_hfind find(::FindFirstFileExW((p.path + L"\\*").c_str(), FindExInfoBasic, &fd, FindExSearchNameMatch,
                                              nullptr, FIND_FIRST_EX_LARGE_FETCH));
         if (!find) {
-            const HRESULT hr = LastError();
+            const HRESULT hr = LastErrorHresult();
             LogErr(0, hr, L"Image writer: cannot list folder [%s]", p.path.c_str());
             return hr;
         }
@@ -118,7 +114,7 @@ HRESULT ReadTree(const std::wstring& folder, Item& out, size_t& holdLeft) {
                 // Wine, where each open and close is a round trip to its server.)
                 unique_hfile probe = OpenForReading(path);
                 if (!probe) {
-                    const HRESULT hr = LastError();
+                    const HRESULT hr = LastErrorHresult();
                     LogErr(0, hr, L"Image writer: cannot read [%s]", path.c_str());
                     return hr;
                 }
@@ -132,7 +128,7 @@ HRESULT ReadTree(const std::wstring& folder, Item& out, size_t& holdLeft) {
             p.item->children.push_back(std::move(item));
         } while (::FindNextFileW(find.get(), &fd));
         if (::GetLastError() != ERROR_NO_MORE_FILES) {
-            const HRESULT hr = LastError();
+            const HRESULT hr = LastErrorHresult();
             LogErr(0, hr, L"Image writer: cannot list folder [%s]", p.path.c_str());
             return hr;
         }
@@ -228,14 +224,14 @@ public:
             LARGE_INTEGER to;
             to.QuadPart = static_cast<LONGLONG>(offset);
             if (!::SetFilePointerEx(current_.file.get(), to, nullptr, FILE_BEGIN))
-                return static_cast<uint32_t>(LastError());
+                return static_cast<uint32_t>(LastErrorHresult());
         }
         filePos_ = offset + bytes;
         while (bytes) {
             const DWORD want = static_cast<DWORD>(std::min<size_t>(bytes, 1u << 30));
             DWORD got = 0;
             if (!::ReadFile(current_.file.get(), out, want, &got, nullptr)) {
-                const HRESULT hr = LastError();
+                const HRESULT hr = LastErrorHresult();
                 LogErr(0, hr, L"Image writer: cannot read [%s]", s.path.c_str());
                 return static_cast<uint32_t>(hr);
             }
@@ -863,7 +859,7 @@ HRESULT FolderItem::AddTree(BSTR source, VARIANT_BOOL includeBase) {
     std::wstring folder = source;
     while (folder.size() > 3 && (folder.back() == L'\\' || folder.back() == L'/')) folder.pop_back();
     const DWORD attrs = ::GetFileAttributesW(folder.c_str());
-    if (attrs == INVALID_FILE_ATTRIBUTES) return LastError();
+    if (attrs == INVALID_FILE_ATTRIBUTES) return LastErrorHresult();
     if (!(attrs & FILE_ATTRIBUTE_DIRECTORY)) return kDirNotFound;
     auto tree = std::make_unique<Item>();
     tree->directory = true;

@@ -3,16 +3,9 @@
 #include <algorithm>
 #include <utility>
 
+#include "common/result_codes.h"
+
 namespace kx::iso {
-
-namespace {
-
-HRESULT LastError() {
-    const DWORD e = ::GetLastError();
-    return HRESULT_FROM_WIN32(e ? e : ERROR_GEN_FAILURE);
-}
-
-}  // namespace
 
 unique_hfile OpenForReading(const std::wstring& path) {
     return unique_hfile(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
@@ -28,13 +21,13 @@ FilesAhead::Opened FilesAhead::Open(const AheadFile& file) {
         f = ReadHandle(file.held);
         // An earlier reader may have left the position anywhere.
         if (!::SetFilePointerEx(f.get(), LARGE_INTEGER{}, nullptr, FILE_BEGIN)) {
-            o.hr = LastError();
+            o.hr = LastErrorHresult();
             return o;
         }
     } else {
         unique_hfile opened = OpenForReading(file.path);
         if (!opened) {
-            o.hr = LastError();
+            o.hr = LastErrorHresult();
             return o;
         }
         f = ReadHandle(std::move(opened));
@@ -44,7 +37,7 @@ FilesAhead::Opened FilesAhead::Open(const AheadFile& file) {
     LARGE_INTEGER length{};
     FILETIME written{};
     if (!::GetFileSizeEx(f.get(), &length) || !::GetFileTime(f.get(), nullptr, nullptr, &written)) {
-        o.hr = LastError();
+        o.hr = LastErrorHresult();
         return o;
     }
     o.sizeNow = static_cast<uint64_t>(length.QuadPart);
@@ -60,7 +53,7 @@ FilesAhead::Opened FilesAhead::Open(const AheadFile& file) {
     for (size_t done = 0; done < o.data.size();) {
         DWORD got = 0;
         if (!::ReadFile(f.get(), o.data.data() + done, static_cast<DWORD>(o.data.size() - done), &got, nullptr)) {
-            o.hr = LastError();
+            o.hr = LastErrorHresult();
             return o;
         }
         if (got == 0) {

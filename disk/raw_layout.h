@@ -25,8 +25,8 @@ inline constexpr uint32_t kStyleGpt = 2;
 
 // Opens `devicePath` read-write (sharing read and write), sends
 // IOCTL_DISK_CREATE_DISK with `signature` (MBR) or `diskGuid` (GPT), then
-// IOCTL_DISK_SET_DRIVE_LAYOUT_EX with the empty layout above (sized from
-// IOCTL_DISK_GET_DRIVE_GEOMETRY_EX). Returns 0, 87 for a style other than
+// IOCTL_DISK_SET_DRIVE_LAYOUT_EX with the empty layout above (a GPT's sized
+// from IOCTL_DISK_GET_DRIVE_GEOMETRY_EX). Returns 0, 87 for a style other than
 // 1 or 2 or an empty path, or the failing step's error. Log: "Failed to
 // open disk %s, error %d", "Failed to create disk, Error %d.", "Failed to
 // set disk layout for %s.".

@@ -149,10 +149,15 @@ namespace {
 
 constexpr DWORD kGptEntryBytes = 128;
 
-// The empty layout of `style` for a disk of `geometry`, as the bytes
-// IOCTL_DISK_SET_DRIVE_LAYOUT_EX takes.
-std::vector<BYTE> EmptyLayout(bool gpt, DWORD signature, const GUID& diskGuid,
-                              const DISK_GEOMETRY_EX& geometry) {
+// The usable area of a new GPT, in sectors: after the MBR, the header and
+// the entry array, and before the backup array and header.
+struct GptArea {
+    ULONGLONG sector = 0, first = 0, last = 0;
+};
+
+// The empty layout of `style`, as the bytes IOCTL_DISK_SET_DRIVE_LAYOUT_EX
+// takes; `area` is used for a GPT only.
+std::vector<BYTE> EmptyLayout(bool gpt, DWORD signature, const GUID& diskGuid, const GptArea& area) {
     // An MBR layout always lists its four primary entries, unused or not.
     const DWORD count = gpt ? 0 : 4;
     const size_t bytes =
@@ -171,15 +176,10 @@ std::vector<BYTE> EmptyLayout(bool gpt, DWORD signature, const GUID& diskGuid,
         }
         return buffer;
     }
-    const ULONGLONG sector = geometry.Geometry.BytesPerSector;
-    const ULONGLONG sectors = static_cast<ULONGLONG>(geometry.DiskSize.QuadPart) / sector;
-    const ULONGLONG arraySectors = (kNewGptEntries * kGptEntryBytes + sector - 1) / sector;
-    const ULONGLONG first = 2 + arraySectors;            // after the MBR, header and entry array
-    const ULONGLONG last = sectors - 2 - arraySectors;   // before the backup array and header
     layout->PartitionStyle = PARTITION_STYLE_GPT;
     layout->Gpt.DiskId = diskGuid;
-    layout->Gpt.StartingUsableOffset.QuadPart = static_cast<LONGLONG>(first * sector);
-    layout->Gpt.UsableLength.QuadPart = static_cast<LONGLONG>((last - first + 1) * sector);
+    layout->Gpt.StartingUsableOffset.QuadPart = static_cast<LONGLONG>(area.first * area.sector);
+    layout->Gpt.UsableLength.QuadPart = static_cast<LONGLONG>((area.last - area.first + 1) * area.sector);
     layout->Gpt.MaxPartitionCount = kNewGptEntries;
     return buffer;
 }
@@ -191,16 +191,22 @@ DWORD WriteEmptyPartitionTable(const std::wstring& path, bool gpt, DWORD signatu
     *failed = TableStep::kOpen;
     const unique_device disk = OpenDevice(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE);
     if (!disk) return LastErrorOr();
-    // The geometry first: a GPT's usable area depends on the sector size.
-    *failed = TableStep::kGeometry;
-    DISK_GEOMETRY_EX geometry{};
-    if (const DWORD rc =
-            DeviceControl(disk.get(), IOCTL_DISK_GET_DRIVE_GEOMETRY_EX, nullptr, 0, &geometry, sizeof(geometry)))
-        return rc;
-    const ULONGLONG sector = geometry.Geometry.BytesPerSector;
-    const ULONGLONG arraySectors = sector ? (kNewGptEntries * kGptEntryBytes + sector - 1) / sector : 0;
-    if (sector < 512 || static_cast<ULONGLONG>(geometry.DiskSize.QuadPart) / sector < 2 * arraySectors + 4)
-        return ERROR_INVALID_DATA;
+    // A GPT's usable area depends on the sector size and the disk's size.
+    GptArea area;
+    if (gpt) {
+        *failed = TableStep::kGeometry;
+        DISK_GEOMETRY_EX geometry{};
+        if (const DWORD rc =
+                DeviceControl(disk.get(), IOCTL_DISK_GET_DRIVE_GEOMETRY_EX, nullptr, 0, &geometry, sizeof(geometry)))
+            return rc;
+        area.sector = geometry.Geometry.BytesPerSector;
+        if (area.sector < 512) return ERROR_INVALID_DATA;
+        const ULONGLONG sectors = static_cast<ULONGLONG>(geometry.DiskSize.QuadPart) / area.sector;
+        const ULONGLONG arraySectors = (kNewGptEntries * kGptEntryBytes + area.sector - 1) / area.sector;
+        if (sectors < 2 * arraySectors + 4) return ERROR_INVALID_DATA;
+        area.first = 2 + arraySectors;
+        area.last = sectors - 2 - arraySectors;
+    }
     *failed = TableStep::kCreate;
     CREATE_DISK create{};
     if (!gpt) {
@@ -214,9 +220,13 @@ DWORD WriteEmptyPartitionTable(const std::wstring& path, bool gpt, DWORD signatu
     if (const DWORD rc = DeviceControl(disk.get(), IOCTL_DISK_CREATE_DISK, &create, sizeof(create), nullptr, 0))
         return rc;
     *failed = TableStep::kLayout;
-    std::vector<BYTE> layout = EmptyLayout(gpt, signature, diskGuid, geometry);
-    return DeviceControl(disk.get(), IOCTL_DISK_SET_DRIVE_LAYOUT_EX, layout.data(), static_cast<DWORD>(layout.size()),
-                         nullptr, 0);
+    std::vector<BYTE> layout = EmptyLayout(gpt, signature, diskGuid, area);
+    if (const DWORD rc = DeviceControl(disk.get(), IOCTL_DISK_SET_DRIVE_LAYOUT_EX, layout.data(),
+                                       static_cast<DWORD>(layout.size()), nullptr, 0))
+        return rc;
+    // Asks the system to read the new table now; the table is written either way.
+    DeviceControl(disk.get(), IOCTL_DISK_UPDATE_PROPERTIES, nullptr, 0, nullptr, 0);
+    return 0;
 }
 
 }  // namespace kx::platform

@@ -99,10 +99,12 @@ enum class TableStep { kOpen, kGeometry, kCreate, kLayout };
 // - GPT: a protective MBR, `diskGuid`, 128 unused entries, the usable area
 //   from the first sector after the primary entry array to the last one
 //   before the backup array (sized from IOCTL_DISK_GET_DRIVE_GEOMETRY_EX).
-// The disk is opened read-write (sharing read and write), then
-// IOCTL_DISK_CREATE_DISK and IOCTL_DISK_SET_DRIVE_LAYOUT_EX are sent.
-// Returns 0, or the failing step's error with *failed set to the step (a
-// geometry too small for a GPT gives ERROR_INVALID_DATA at kGeometry).
+// The disk is opened read-write (sharing read and write); for a GPT its
+// geometry is read; then IOCTL_DISK_CREATE_DISK and
+// IOCTL_DISK_SET_DRIVE_LAYOUT_EX are sent, and IOCTL_DISK_UPDATE_PROPERTIES
+// (its answer ignored). Returns 0, or the failing step's error with *failed
+// set to the step (a geometry too small for a GPT gives ERROR_INVALID_DATA
+// at kGeometry).
 DWORD WriteEmptyPartitionTable(const std::wstring& path, bool gpt, DWORD signature, const GUID& diskGuid,
                                TableStep* failed);
 

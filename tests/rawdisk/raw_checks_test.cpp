@@ -377,6 +377,13 @@ TEST_F(RawDiskTest, NewTableFailures) {
             EXPECT_EQ(std::count(head.begin(), head.begin() + 4096, 0), 4096) << "disk changed";
         }
     }
+    // An MBR needs no geometry: a disk that refuses to give it still gets one.
+    ImageDisks& disks = Serve({{image, 512}});
+    disks.faults = control(IOCTL_DISK_GET_DRIVE_GEOMETRY_EX, ERROR_NOT_READY);
+    EXPECT_EQ(d::WriteNewPartitionTable(L"\\\\.\\PHYSICALDRIVE0", d::kStyleMbr, 0x1234, kSomeGuid), 0u);
+    TearDown();
+    const auto head = kxtest::ReadBytes(image);
+    EXPECT_TRUE(head[440] == 0x34 && head[441] == 0x12 && head[510] == 0x55 && head[511] == 0xAA);
 }
 
 }  // namespace

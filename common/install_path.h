@@ -8,6 +8,8 @@
 
 namespace kx {
 
+// The host's engine settings, and the key of its install folder below them.
+inline constexpr const wchar_t* kEngineKey = L"SOFTWARE\\Veltrana\\Quillon\\Engine";
 inline constexpr const wchar_t* kInstallPathKey = L"SOFTWARE\\Veltrana\\Quillon\\Engine\\InstallPath";
 
 // The install folder with trailing backslashes dropped (a drive root keeps

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "common/install_path.h"
 #include "platform/registry.h"
 
 namespace kx::guestfix {
@@ -15,7 +16,7 @@ using hostutil::HiveLoader;
 
 // The host's engine settings: HKLM\SOFTWARE\Veltrana\Quillon\Engine, and the
 // key of the hive repair switch below it.
-inline constexpr const wchar_t* kEngineKey = L"SOFTWARE\\Veltrana\\Quillon\\Engine";
+inline constexpr const wchar_t* kEngineKey = ::kx::kEngineKey;
 inline constexpr const wchar_t* kBackupDllKey = L"SOFTWARE\\Veltrana\\Quillon\\Engine\\KbBackupDll";
 
 // Reads the DWORD `name` under HKLM\<keyPath> (the engine key when keyPath

@@ -7,6 +7,7 @@
 #include "common/wstring_format.h"
 #include "log/call_frame.h"
 #include "log/debug_log.h"
+#include "platform/host_util.h"
 #include "platform/process_runner.h"
 #include "platform/registry.h"
 
@@ -14,9 +15,6 @@ namespace kx::host {
 
 namespace {
 
-using hostutil::RegistryKey;
-
-constexpr const wchar_t* kEngineKey = L"SOFTWARE\\Veltrana\\Quillon\\Engine";
 constexpr const wchar_t* kWindowsKey = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion";
 constexpr const wchar_t* kVddkFolder = L"VMware\\VMware Virtual Disk Development Kit\\bin";
 
@@ -39,9 +37,10 @@ std::wstring FirstFile(const std::wstring& folder, std::initializer_list<const w
     return {};
 }
 
+// A string under HKLM, or "" when it cannot be read.
 std::wstring ReadHklmString(const wchar_t* key, const wchar_t* name) {
     std::wstring value;
-    RegistryKey(HKEY_LOCAL_MACHINE, key, KEY_READ).GetValue(name, L"", &value);
+    (void)hostutil::GetRegistryString(HKEY_LOCAL_MACHINE, key, name, &value);
     return value;
 }
 
@@ -110,26 +109,11 @@ DWORD GetVddkVersion(std::wstring* version, std::wstring* libraryPath) {
     });
 }
 
-DWORD ServiceState(const std::wstring& name, DWORD* state) noexcept {
-    *state = 0;
-    unique_sc_handle scm(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-    if (!scm) return LastErrorOr();
-    unique_sc_handle service(::OpenServiceW(scm.get(), name.c_str(), SERVICE_QUERY_STATUS));
-    if (!service) {
-        const DWORD rc = LastErrorOr();
-        return rc == ERROR_SERVICE_DOES_NOT_EXIST ? ERROR_SUCCESS : rc;
-    }
-    SERVICE_STATUS status{};
-    if (!::QueryServiceStatus(service.get(), &status)) return LastErrorOr();
-    *state = status.dwCurrentState;
-    return ERROR_SUCCESS;
-}
-
 DWORD CheckVMToolStatus(DWORD* status) {
     return RunExport<kCheckVMToolStatus>(
         [&](auto& frame) -> DWORD {
             if (!status) return frame.InvalidParameter();
-            if (DWORD rc = ServiceState(kVmToolsService, status)) {
+            if (DWORD rc = hostutil::WindowsServiceMgr::GetServiceState(kVmToolsService, status)) {
                 LogErr(0, rc, L"Fail to query the service %s", kVmToolsService);
                 return rc;
             }

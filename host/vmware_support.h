@@ -27,9 +27,6 @@ std::wstring FindVddkLibrary();
 
 [[nodiscard]] DWORD GetVddkVersion(std::wstring* version, std::wstring* libraryPath);
 
-// The VMware Tools service's state: 0 when not installed, else the
-// system's SERVICE_* state. The result is 0 or the system's code.
-[[nodiscard]] DWORD ServiceState(const std::wstring& name, DWORD* state) noexcept;
 [[nodiscard]] DWORD CheckVMToolStatus(DWORD* status);
 
 enum class Installer { kVmwareTools, kIntegrationServices };

@@ -8,6 +8,7 @@
 
 #include <winioctl.h>
 
+#include "common/positioned_io.h"
 #include "log/debug_log.h"
 
 namespace kx::platform {
@@ -44,10 +45,7 @@ BOOL DiskDevices::Control(HANDLE device, DWORD code, const void* in, DWORD inSiz
 }
 
 BOOL DiskDevices::ReadAt(HANDLE device, uint64_t offset, void* buffer, DWORD size, DWORD* read) {
-    LARGE_INTEGER at;
-    at.QuadPart = static_cast<LONGLONG>(offset);
-    if (!::SetFilePointerEx(device, at, nullptr, FILE_BEGIN)) return FALSE;
-    return ::ReadFile(device, buffer, size, read, nullptr);
+    return io::ReadAt(device, offset, buffer, size, read) == 0;
 }
 
 void DiskDevices::Close(HANDLE device) { ::CloseHandle(device); }

@@ -39,7 +39,8 @@ public:
     // DeviceIoControl without overlapped I/O.
     virtual BOOL Control(HANDLE device, DWORD code, const void* in, DWORD inSize, void* out, DWORD outSize,
                          DWORD* returned);
-    // ReadFile of `size` bytes at byte `offset`.
+    // A positioned read of `size` bytes at byte `offset` (FALSE: the code is
+    // in GetLastError()).
     virtual BOOL ReadAt(HANDLE device, uint64_t offset, void* buffer, DWORD size, DWORD* read);
     // CloseHandle.
     virtual void Close(HANDLE device);

@@ -173,18 +173,37 @@ DWORD GetRegistryMultiString(HKEY root, const std::wstring& subkey, const std::w
     return ERROR_SUCCESS;
 }
 
-DWORD WindowsServiceMgr::IfServiceExists(const std::wstring& name, bool* exists) noexcept {
-    if (!exists) return ERROR_INVALID_PARAMETER;
-    *exists = false;
+namespace {
+
+// Opens the service `name` of the local service control manager for its
+// status. A service that does not exist is an answer: 0 with no handle.
+DWORD OpenForStatus(const std::wstring& name, unique_sc_handle* service) noexcept {
     unique_sc_handle scm(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
     if (!scm) return ::GetLastError();
-    unique_sc_handle service(::OpenServiceW(scm.get(), name.c_str(), SERVICE_QUERY_STATUS));
-    if (service) {
-        *exists = true;
-        return ERROR_SUCCESS;
-    }
-    DWORD rc = ::GetLastError();
+    service->reset(::OpenServiceW(scm.get(), name.c_str(), SERVICE_QUERY_STATUS));
+    if (*service) return ERROR_SUCCESS;
+    const DWORD rc = ::GetLastError();
     return rc == ERROR_SERVICE_DOES_NOT_EXIST ? ERROR_SUCCESS : rc;
+}
+
+}  // namespace
+
+DWORD WindowsServiceMgr::IfServiceExists(const std::wstring& name, bool* exists) noexcept {
+    if (!exists) return ERROR_INVALID_PARAMETER;
+    unique_sc_handle service;
+    const DWORD rc = OpenForStatus(name, &service);
+    *exists = static_cast<bool>(service);
+    return rc;
+}
+
+DWORD WindowsServiceMgr::GetServiceState(const std::wstring& name, DWORD* state) noexcept {
+    *state = 0;
+    unique_sc_handle service;
+    if (const DWORD rc = OpenForStatus(name, &service); rc || !service) return rc;
+    SERVICE_STATUS status{};
+    if (!::QueryServiceStatus(service.get(), &status)) return ::GetLastError();
+    *state = status.dwCurrentState;
+    return ERROR_SUCCESS;
 }
 
 }  // namespace kx::hostutil

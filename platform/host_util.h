@@ -72,6 +72,9 @@ namespace WindowsServiceMgr {
 // *exists tells whether the local service control manager knows the
 // service. A service that does not exist is an answer (0), not an error.
 DWORD IfServiceExists(const std::wstring& name, bool* exists) noexcept;
+// The service's SERVICE_* state, or 0 when the service does not exist (an
+// answer, result 0). The result is 0 or the system's code.
+DWORD GetServiceState(const std::wstring& name, DWORD* state) noexcept;
 }  // namespace WindowsServiceMgr
 
 }  // namespace kx::hostutil

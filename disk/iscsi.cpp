@@ -169,7 +169,6 @@ DWORD Discover(const IscsiPortal& portal, std::vector<IscsiTargetInfo>* targets)
         LogErr(0, report, L"Fail to report the iSCSI targets");
         return report;
     }
-    targets->clear();
     for (const auto& name : names) {
         std::vector<IscsiPortal> portals;
         if (DWORD gone = iscsi.TargetPortals(name, &portals)) {

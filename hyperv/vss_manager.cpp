@@ -11,7 +11,9 @@
 #include <vector>
 
 #include "common/unique_resource.h"
+#include "common/wstring_format.h"
 #include "log/call_frame.h"
+#include "platform/host_util.h"
 #include "platform/process_runner.h"
 #include "platform/vss.h"
 
@@ -86,12 +88,6 @@ HRESULT Failed(const wchar_t* call, HRESULT hr) noexcept {
     return hr;
 }
 
-std::wstring GuidText(const GUID& id) {
-    wchar_t text[40] = {};
-    ::StringFromGUID2(id, text, 40);
-    return text;
-}
-
 // Starts an asynchronous step through `start` and waits for it.
 template <class Start>
 HRESULT RunStep(const wchar_t* step, Start&& start) noexcept {
@@ -107,10 +103,10 @@ public:
     DWORD Release() override {
         return RunExport<vss_rows::kRelease>(
             [&](auto&) -> DWORD {
-                if (haveSet_) {
+                if (vss_) {
                     const HRESULT hr = GiveUp(!keep_);
                     if (keep_ || FAILED(hr))
-                        Log(1, L"VSS: snapshot set %s stays on the system", GuidText(setId_).c_str());
+                        Log(1, L"VSS: snapshot set %s stays on the system", hostutil::GuidToString(setId_).c_str());
                 }
                 delete this;
                 return 0;
@@ -121,7 +117,7 @@ public:
     DWORD CreateSnapshotSet(const std::vector<std::wstring>& volumes) override {
         return RunExport<vss_rows::kCreateSet>(
             [&](auto& frame) -> DWORD {
-                if (haveSet_) return static_cast<DWORD>(Failed(L"CreateSnapshotSet (a set is present)", VSS_E_BAD_STATE));
+                if (vss_) return static_cast<DWORD>(Failed(L"CreateSnapshotSet (a set is present)", VSS_E_BAD_STATE));
                 if (volumes.empty()) return frame.InvalidParameter();
                 std::vector<std::wstring> names;
                 for (const std::wstring& v : volumes) {
@@ -132,7 +128,7 @@ public:
                         return static_cast<DWORD>(HRESULT_FROM_WIN32(rc));
                     }
                     bool seen = false;
-                    for (const std::wstring& n : names) seen = seen || _wcsicmp(n.c_str(), name.c_str()) == 0;
+                    for (const std::wstring& n : names) seen = seen || EqualsNoCase(n, name);
                     if (!seen) names.push_back(std::move(name));
                 }
                 return static_cast<DWORD>(Make(names));
@@ -142,13 +138,13 @@ public:
 
     DWORD GetSnapshotSetId(GUID* setId) override {
         if (!setId) return kE_POINTER;
-        if (!haveSet_) return static_cast<DWORD>(VSS_E_BAD_STATE);
+        if (!vss_) return static_cast<DWORD>(VSS_E_BAD_STATE);
         *setId = setId_;
         return 0;
     }
 
     DWORD GetSnapshots(std::vector<VssSnapshotInfo>& snapshots) override {
-        if (!haveSet_) return static_cast<DWORD>(VSS_E_BAD_STATE);
+        if (!vss_) return static_cast<DWORD>(VSS_E_BAD_STATE);
         snapshots = snapshots_;
         return 0;
     }
@@ -156,12 +152,12 @@ public:
     DWORD GetShadowDevicePath(const std::wstring& volumeOrPath, std::wstring& device) override {
         device.clear();
         if (volumeOrPath.empty()) return kE_INVALIDARG;
-        if (!haveSet_) return static_cast<DWORD>(VSS_E_BAD_STATE);
+        if (!vss_) return static_cast<DWORD>(VSS_E_BAD_STATE);
         std::wstring name;
         if (const DWORD rc = platform::Vss().VolumeNameOf(volumeOrPath, name); rc != 0)
             return static_cast<DWORD>(HRESULT_FROM_WIN32(rc));
         for (const VssSnapshotInfo& s : snapshots_) {
-            if (_wcsicmp(s.volume.c_str(), name.c_str()) == 0) {
+            if (EqualsNoCase(s.volume, name)) {
                 device = s.shadowDevice;
                 return 0;
             }
@@ -171,7 +167,7 @@ public:
 
     DWORD DeleteSnapshotSet() override {
         return RunExport<vss_rows::kDeleteSet>([&](auto&) -> DWORD {
-            if (!haveSet_) return static_cast<DWORD>(Failed(L"DeleteSnapshotSet (no set)", VSS_E_BAD_STATE));
+            if (!vss_) return static_cast<DWORD>(Failed(L"DeleteSnapshotSet (no set)", VSS_E_BAD_STATE));
             return static_cast<DWORD>(GiveUp(true));
         });
     }
@@ -204,9 +200,8 @@ private:
         vss_ = std::move(a.vss);
         setId_ = a.setId;
         snapshots_ = std::move(a.snapshots);
-        haveSet_ = true;
         completed_ = false;
-        Log(1, L"VSS: snapshot set %s made of %d volumes", GuidText(setId_).c_str(),
+        Log(1, L"VSS: snapshot set %s made of %d volumes", hostutil::GuidToString(setId_).c_str(),
             static_cast<int>(snapshots_.size()));
         return S_OK;
     }
@@ -275,7 +270,7 @@ private:
         VSS_ID notDeleted{};
         const HRESULT hr = vss->DeleteSnapshots(setId, VSS_OBJECT_SNAPSHOT_SET, TRUE, &deleted, &notDeleted);
         if (FAILED(hr) && !(quietIfMissing && hr == VSS_E_OBJECT_NOT_FOUND)) return Failed(L"DeleteSnapshots", hr);
-        if (SUCCEEDED(hr)) Log(2, L"VSS: %d snapshots of set %s deleted", static_cast<int>(deleted), GuidText(setId).c_str());
+        if (SUCCEEDED(hr)) Log(2, L"VSS: %d snapshots of set %s deleted", static_cast<int>(deleted), hostutil::GuidToString(setId).c_str());
         return hr;
     }
 
@@ -293,7 +288,6 @@ private:
         vss_.reset();
         snapshots_.clear();
         setId_ = GUID_NULL;
-        haveSet_ = false;
         completed_ = false;
         return S_OK;
     }
@@ -301,7 +295,6 @@ private:
     com_ptr<IVssBackupComponents> vss_;
     VSS_ID setId_{};
     std::vector<VssSnapshotInfo> snapshots_;
-    bool haveSet_ = false;
     bool completed_ = false;
     bool keep_ = false;
 };

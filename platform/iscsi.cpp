@@ -5,6 +5,7 @@
 #include <cwchar>
 
 #include "common/proc_address.h"
+#include "common/result_codes.h"
 #include "common/unique_resource.h"
 
 namespace kx::platform {
@@ -87,6 +88,7 @@ public:
     }
     template <typename Fn>
     DWORD Find(const char* name, Fn* fn) const {
+        *fn = nullptr;
         if (!module_) return loadError_;
         *fn = ProcAddress<Fn>(module_.get(), name);
         return *fn ? ERROR_SUCCESS : ERROR_PROC_NOT_FOUND;
@@ -97,7 +99,7 @@ private:
         wchar_t folder[MAX_PATH] = {};
         const UINT n = ::GetSystemDirectoryW(folder, MAX_PATH);
         if (n == 0 || n >= MAX_PATH) {
-            loadError_ = ::GetLastError() ? ::GetLastError() : ERROR_MOD_NOT_FOUND;
+            loadError_ = LastErrorOr(ERROR_MOD_NOT_FOUND);
             return;
         }
         module_.reset(::LoadLibraryW((std::wstring(folder) + L"\\iscsidsc.dll").c_str()));

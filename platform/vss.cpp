@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "common/proc_address.h"
+#include "common/result_codes.h"
 #include "common/unique_resource.h"
 #include "log/debug_log.h"
 
@@ -106,9 +107,9 @@ DWORD SystemVolumeNameOf(const std::wstring& path, std::wstring& volumeName) {
     } else {
         std::vector<wchar_t> mount(query.size() + MAX_PATH + 1);
         if (!::GetVolumePathNameW(query.c_str(), mount.data(), static_cast<DWORD>(mount.size()))) {
-            const DWORD rc = ::GetLastError();
+            const DWORD rc = LastErrorOr(ERROR_INVALID_NAME);
             Log(0, L"VSS: GetVolumePathNameW(%s) failed, rc = [%d]", path.c_str(), rc);
-            return rc ? rc : ERROR_INVALID_NAME;
+            return rc;
         }
         mountPoint = mount.data();
     }
@@ -125,14 +126,14 @@ DWORD SystemVolumeNameOf(const std::wstring& path, std::wstring& volumeName) {
             volumeName = name[0] ? name : mountPoint.c_str();
             return 0;
         }
-        const DWORD rc = ::GetLastError();
+        const DWORD rc = LastErrorOr(ERROR_INVALID_NAME);
         Log(0, L"VSS: volume %s is unknown, rc = [%d]", mountPoint.c_str(), rc);
-        return rc ? rc : ERROR_INVALID_NAME;
+        return rc;
     }
     if (!::GetVolumeNameForVolumeMountPointW(mountPoint.c_str(), name, MAX_PATH)) {
-        const DWORD rc = ::GetLastError();
+        const DWORD rc = LastErrorOr(ERROR_INVALID_NAME);
         Log(0, L"VSS: GetVolumeNameForVolumeMountPointW(%s) failed, rc = [%d]", mountPoint.c_str(), rc);
-        return rc ? rc : ERROR_INVALID_NAME;
+        return rc;
     }
     volumeName = name;
     return 0;

@@ -8,6 +8,7 @@
 #include "KestrixHA/vss.h"
 #include "commands.h"
 #include "output.h"
+#include "owners.h"
 
 namespace kxha {
 namespace {
@@ -17,14 +18,6 @@ std::wstring GuidText(const GUID& id) {
     ::StringFromGUID2(id, text, 40);
     return text;
 }
-
-// The manager, released on every path out.
-struct Manager {
-    ~Manager() {
-        if (mgr) mgr->Release();
-    }
-    IVssMgr* mgr = nullptr;
-};
 
 int Snapshot(const Args& args) {
     const std::vector<std::wstring> pos = Positionals(args, {});
@@ -40,14 +33,14 @@ int Snapshot(const Args& args) {
                            nullptr, EOAC_NONE, nullptr);
     int status = 0;
     {
-        Manager m;
-        DWORD rc = MVCM_CreateVssMgr(&m.mgr);
-        if (rc == 0) m.mgr->KeepSnapshotSet(keep);
-        if (rc == 0) rc = m.mgr->CreateSnapshotSet(volumes);
+        VssManager mgr;  // released before COM is left
+        DWORD rc = MVCM_CreateVssMgr(Put(mgr));
+        if (rc == 0) mgr->KeepSnapshotSet(keep);
+        if (rc == 0) rc = mgr->CreateSnapshotSet(volumes);
         GUID setId{};
         std::vector<VssSnapshotInfo> snaps;
-        if (rc == 0) rc = m.mgr->GetSnapshotSetId(&setId);
-        if (rc == 0) rc = m.mgr->GetSnapshots(snaps);
+        if (rc == 0) rc = mgr->GetSnapshotSetId(&setId);
+        if (rc == 0) rc = mgr->GetSnapshots(snaps);
         if (rc != 0) {
             status = Fail(L"making the snapshot set", rc);
         } else if (HasFlag(args, L"--json")) {

@@ -1,4 +1,5 @@
-// Owners of what the library hands out: bitmap readers end with Release(),
+// Owners of what the library hands out: bitmap readers and shadow-copy
+// managers end with Release(),
 // session locks go back through HA_UnlockZekSessions (the manual-conversion
 // marker is no lock and goes nowhere), intact-session lists are closed.
 #pragma once
@@ -11,6 +12,7 @@
 namespace kxha {
 
 using BitmapReader = std::unique_ptr<IDiskBmpReader, kx::release_deleter<IDiskBmpReader>>;
+using VssManager = std::unique_ptr<IVssMgr, kx::release_deleter<IVssMgr>>;
 
 struct SessionUnlock {
     void operator()(SessionLockHandle* h) const noexcept {
